@@ -1,0 +1,19 @@
+/* Platform log (stand-in for libmarlo.so.0). */
+#ifndef MARLO_H
+#define MARLO_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Writes one line built from fmt to the log buffer buffer_id with the given
+ * priority and tag. The stand-in writes "<P> TAG: text" to stderr, one line per
+ * call, with P the priority letter (I for 4, E for 6, the number otherwise).
+ * Returns the number of characters of the formatted text, negative on error. */
+int __marlo_print(int buffer_id, int priority, const char *tag, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
+#ifdef __cplusplus
+}
+#endif
+#endif

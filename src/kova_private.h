@@ -1,0 +1,128 @@
+// Private header of libkova-api: the service address, the log line, the
+// service link and the declarations shared between the area files.
+#ifndef KOVA_PRIVATE_H
+#define KOVA_PRIVATE_H
+
+#include <gio/gio.h>
+#include <stdint.h>
+
+#include "kova_api.h"
+#include "marlo.h"
+
+#define KOVA_DBUS_NAME "org.zelta.tv.system.resource"
+#define KOVA_DBUS_PATH "/Org/Zelta/TV/System/Resource"
+#define KOVA_DBUS_INTERFACE "org.zelta.tv.system.resource"
+#define KOVA_PROCESS_NAME "kova"
+
+#define KOVA_READY_EVENT "/tmp/.kova_ready"
+#define KOVA_POLICY_ACTIVATED_EVENT "/tmp/.rsc_policy_activated"
+#define KOVA_READY_WAIT_MS 3000
+#define KOVA_CPU_INHERITANCE_MS 2000
+
+#define KOVA_LOG_BUFFER 2
+#define KOVA_LOG_INFO 4
+#define KOVA_LOG_ERROR 6
+#define KOVA_LOG_TAG "KOVA_API"
+
+#ifdef __FILE_NAME__
+#define KOVA_FILE_NAME __FILE_NAME__
+#else
+#define KOVA_FILE_NAME __FILE__
+#endif
+
+// One platform log line: "<file>: <function>(<line>) > <message>".
+// KOVA_LOG_AT names the function explicitly, for helpers that log on behalf of
+// the operation that called them.
+#define KOVA_LOG_AT(prio, func, fmt, ...)                                                 \
+  __marlo_print(KOVA_LOG_BUFFER, (prio), KOVA_LOG_TAG, "%s: %s(%d) > " fmt, KOVA_FILE_NAME, \
+                (func), __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define KOVA_LOGI(fmt, ...) KOVA_LOG_AT(KOVA_LOG_INFO, __func__, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define KOVA_LOGE(fmt, ...) KOVA_LOG_AT(KOVA_LOG_ERROR, __func__, fmt __VA_OPT__(, ) __VA_ARGS__)
+
+// Stops the process when a record cannot be allocated; the message names it.
+#define KOVA_ASSERT_ALLOC(expr) ((expr) ? (void)0 : kova::alloc_failed(#expr, KOVA_FILE_NAME, __LINE__))
+
+// The callback and user data of one subscription, owned by the subscription.
+struct cb_data {
+  void (*callback)(void);
+  void *user_data;
+};
+
+extern "C" {
+// The service link; exported for platform tools although applications use the
+// kova_ functions.
+KOVA_API GDBusConnection *_kova_dbus_get_connection(void) noexcept;
+KOVA_API int _kova_dbus_method_call(const char *method, GVariant *args, GVariant **reply) noexcept;
+KOVA_API int _kova_dbus_method_call_async_with_no_reply(const char *method, GVariant *args) noexcept;
+KOVA_API int _kova_get_command_id(void) noexcept;
+KOVA_API bool _kova_is_normal_mode(void) noexcept;
+KOVA_API int _kova_set_cpu_inheritance(void) noexcept;
+KOVA_API int _kova_clear_cpu_inheritance(void) noexcept;
+
+int _kova_dbus_subscribe_signal(const char *signal, GDBusSignalCallback handler, unsigned int *id,
+                                gpointer user_data, GDestroyNotify free_func) noexcept;
+int _kova_dbus_unsubscribe_signal(unsigned int id) noexcept;
+
+// Player control.
+int _kova_player_register(int player_id, int value) noexcept;
+int _kova_player_unregister(int player_id) noexcept;
+int _kova_player_request_stop(int player_id) noexcept;
+int _kova_player_request_play(int player_id, kova_audio_out_e *audio_out) noexcept;
+int _kova_player_video_start_done(int player_id) noexcept;
+int _kova_player_video_stop_done(int player_id) noexcept;
+int _kova_player_audio_start_done(int player_id) noexcept;
+int _kova_player_audio_stop_done(int player_id) noexcept;
+int _kova_get_player_audio_out(int player_id, kova_player_audio_out_e *audio_out) noexcept;
+unsigned int _kova_register_player_video_start_request_callback(kova_player_video_request_cb cb,
+                                                               void *user_data) noexcept;
+unsigned int _kova_register_player_video_stop_request_callback(kova_player_video_request_cb cb,
+                                                              void *user_data) noexcept;
+unsigned int _kova_register_player_audio_start_request_callback(kova_player_audio_request_cb cb,
+                                                               void *user_data) noexcept;
+unsigned int _kova_register_player_audio_stop_request_callback(kova_player_audio_request_cb cb,
+                                                              void *user_data) noexcept;
+unsigned int _kova_register_player_audio_resync_request_callback(kova_player_audio_request_cb cb,
+                                                                void *user_data) noexcept;
+int _kova_extspk_info_register(const char *name, int value) noexcept;
+int _kova_extspk_info_unregister(const char *name, int value) noexcept;
+int _kova_get_extspk_info_audio_out(const char *name) noexcept;
+}
+
+namespace kova {
+
+[[noreturn]] void alloc_failed(const char *what, const char *file, int line) noexcept;
+
+// Command identifier from a process id and a counter value: the pid's low 16
+// bits in the upper half, OR-ed with the whole counter.
+constexpr int make_command_id(int pid, uint32_t count) {
+  return static_cast<int>((static_cast<uint32_t>(pid) << 16) | count);
+}
+
+// True when s can travel as a D-Bus string.
+bool valid_string(const char *s) noexcept;
+
+// True when the service's readiness event is present now (no wait).
+bool service_ready_now() noexcept;
+
+// Synchronous call whose reply must have reply_type. On success stores the
+// reply (owned by the caller) and returns 0. A reply of another type is logged
+// as an error on behalf of func, released, and gives -1 like a failed call.
+int call_sync(const char *func, int cmd, const char *method, GVariant *args, const char *reply_type,
+              GVariant **reply) noexcept;
+
+// call_sync for the common "(i)" reply: stores the integer in *value.
+int call_sync_int(const char *func, int cmd, const char *method, GVariant *args, int *value) noexcept;
+
+// True when params has type; otherwise logs an error on behalf of func and the
+// signal is to be ignored.
+bool signal_params_are(const char *func, GVariant *params, const char *type, const char *signal) noexcept;
+
+// The registration pattern shared by every subscription-per-registration
+// family: allocate a cb_data, subscribe, log, return the id or UINT_MAX.
+unsigned int register_signal_callback(const char *func, const char *signal, GDBusSignalCallback handler,
+                                      GDestroyNotify free_func, void (*callback)(void),
+                                      void *user_data) noexcept;
+
+}  // namespace kova
+
+#endif  // KOVA_PRIVATE_H
