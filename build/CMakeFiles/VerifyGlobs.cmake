@@ -6,9 +6,12 @@ cmake_policy(SET CMP0009 NEW)
 file(GLOB NEW_GLOB LIST_DIRECTORIES true "/work/main/src/*.cc")
 set(OLD_GLOB
   "/work/main/src/kova.cc"
+  "/work/main/src/kova_app.cc"
   "/work/main/src/kova_internal.cc"
+  "/work/main/src/kova_policy.cc"
   "/work/main/src/kova_private.cc"
   "/work/main/src/kova_private_player.cc"
+  "/work/main/src/kova_zone.cc"
   )
 if(NOT "${NEW_GLOB}" STREQUAL "${OLD_GLOB}")
   message("-- GLOB mismatch!")

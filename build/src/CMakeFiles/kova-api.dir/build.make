@@ -83,10 +83,24 @@ src/CMakeFiles/kova-api.dir/kova.cc.s: cmake_force
 	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/kova-api.dir/kova.cc.s"
 	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/src/kova.cc -o CMakeFiles/kova-api.dir/kova.cc.s
 
+src/CMakeFiles/kova-api.dir/kova_app.cc.o: src/CMakeFiles/kova-api.dir/flags.make
+src/CMakeFiles/kova-api.dir/kova_app.cc.o: /work/main/src/kova_app.cc
+src/CMakeFiles/kova-api.dir/kova_app.cc.o: src/CMakeFiles/kova-api.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_2) "Building CXX object src/CMakeFiles/kova-api.dir/kova_app.cc.o"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT src/CMakeFiles/kova-api.dir/kova_app.cc.o -MF CMakeFiles/kova-api.dir/kova_app.cc.o.d -o CMakeFiles/kova-api.dir/kova_app.cc.o -c /work/main/src/kova_app.cc
+
+src/CMakeFiles/kova-api.dir/kova_app.cc.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/kova-api.dir/kova_app.cc.i"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/src/kova_app.cc > CMakeFiles/kova-api.dir/kova_app.cc.i
+
+src/CMakeFiles/kova-api.dir/kova_app.cc.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/kova-api.dir/kova_app.cc.s"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/src/kova_app.cc -o CMakeFiles/kova-api.dir/kova_app.cc.s
+
 src/CMakeFiles/kova-api.dir/kova_internal.cc.o: src/CMakeFiles/kova-api.dir/flags.make
 src/CMakeFiles/kova-api.dir/kova_internal.cc.o: /work/main/src/kova_internal.cc
 src/CMakeFiles/kova-api.dir/kova_internal.cc.o: src/CMakeFiles/kova-api.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_2) "Building CXX object src/CMakeFiles/kova-api.dir/kova_internal.cc.o"
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_3) "Building CXX object src/CMakeFiles/kova-api.dir/kova_internal.cc.o"
 	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT src/CMakeFiles/kova-api.dir/kova_internal.cc.o -MF CMakeFiles/kova-api.dir/kova_internal.cc.o.d -o CMakeFiles/kova-api.dir/kova_internal.cc.o -c /work/main/src/kova_internal.cc
 
 src/CMakeFiles/kova-api.dir/kova_internal.cc.i: cmake_force
@@ -97,10 +111,24 @@ src/CMakeFiles/kova-api.dir/kova_internal.cc.s: cmake_force
 	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/kova-api.dir/kova_internal.cc.s"
 	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/src/kova_internal.cc -o CMakeFiles/kova-api.dir/kova_internal.cc.s
 
+src/CMakeFiles/kova-api.dir/kova_policy.cc.o: src/CMakeFiles/kova-api.dir/flags.make
+src/CMakeFiles/kova-api.dir/kova_policy.cc.o: /work/main/src/kova_policy.cc
+src/CMakeFiles/kova-api.dir/kova_policy.cc.o: src/CMakeFiles/kova-api.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_4) "Building CXX object src/CMakeFiles/kova-api.dir/kova_policy.cc.o"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT src/CMakeFiles/kova-api.dir/kova_policy.cc.o -MF CMakeFiles/kova-api.dir/kova_policy.cc.o.d -o CMakeFiles/kova-api.dir/kova_policy.cc.o -c /work/main/src/kova_policy.cc
+
+src/CMakeFiles/kova-api.dir/kova_policy.cc.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/kova-api.dir/kova_policy.cc.i"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/src/kova_policy.cc > CMakeFiles/kova-api.dir/kova_policy.cc.i
+
+src/CMakeFiles/kova-api.dir/kova_policy.cc.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/kova-api.dir/kova_policy.cc.s"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/src/kova_policy.cc -o CMakeFiles/kova-api.dir/kova_policy.cc.s
+
 src/CMakeFiles/kova-api.dir/kova_private.cc.o: src/CMakeFiles/kova-api.dir/flags.make
 src/CMakeFiles/kova-api.dir/kova_private.cc.o: /work/main/src/kova_private.cc
 src/CMakeFiles/kova-api.dir/kova_private.cc.o: src/CMakeFiles/kova-api.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_3) "Building CXX object src/CMakeFiles/kova-api.dir/kova_private.cc.o"
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_5) "Building CXX object src/CMakeFiles/kova-api.dir/kova_private.cc.o"
 	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT src/CMakeFiles/kova-api.dir/kova_private.cc.o -MF CMakeFiles/kova-api.dir/kova_private.cc.o.d -o CMakeFiles/kova-api.dir/kova_private.cc.o -c /work/main/src/kova_private.cc
 
 src/CMakeFiles/kova-api.dir/kova_private.cc.i: cmake_force
@@ -114,7 +142,7 @@ src/CMakeFiles/kova-api.dir/kova_private.cc.s: cmake_force
 src/CMakeFiles/kova-api.dir/kova_private_player.cc.o: src/CMakeFiles/kova-api.dir/flags.make
 src/CMakeFiles/kova-api.dir/kova_private_player.cc.o: /work/main/src/kova_private_player.cc
 src/CMakeFiles/kova-api.dir/kova_private_player.cc.o: src/CMakeFiles/kova-api.dir/compiler_depend.ts
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_4) "Building CXX object src/CMakeFiles/kova-api.dir/kova_private_player.cc.o"
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_6) "Building CXX object src/CMakeFiles/kova-api.dir/kova_private_player.cc.o"
 	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT src/CMakeFiles/kova-api.dir/kova_private_player.cc.o -MF CMakeFiles/kova-api.dir/kova_private_player.cc.o.d -o CMakeFiles/kova-api.dir/kova_private_player.cc.o -c /work/main/src/kova_private_player.cc
 
 src/CMakeFiles/kova-api.dir/kova_private_player.cc.i: cmake_force
@@ -125,20 +153,40 @@ src/CMakeFiles/kova-api.dir/kova_private_player.cc.s: cmake_force
 	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/kova-api.dir/kova_private_player.cc.s"
 	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/src/kova_private_player.cc -o CMakeFiles/kova-api.dir/kova_private_player.cc.s
 
+src/CMakeFiles/kova-api.dir/kova_zone.cc.o: src/CMakeFiles/kova-api.dir/flags.make
+src/CMakeFiles/kova-api.dir/kova_zone.cc.o: /work/main/src/kova_zone.cc
+src/CMakeFiles/kova-api.dir/kova_zone.cc.o: src/CMakeFiles/kova-api.dir/compiler_depend.ts
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_7) "Building CXX object src/CMakeFiles/kova-api.dir/kova_zone.cc.o"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -MD -MT src/CMakeFiles/kova-api.dir/kova_zone.cc.o -MF CMakeFiles/kova-api.dir/kova_zone.cc.o.d -o CMakeFiles/kova-api.dir/kova_zone.cc.o -c /work/main/src/kova_zone.cc
+
+src/CMakeFiles/kova-api.dir/kova_zone.cc.i: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Preprocessing CXX source to CMakeFiles/kova-api.dir/kova_zone.cc.i"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -E /work/main/src/kova_zone.cc > CMakeFiles/kova-api.dir/kova_zone.cc.i
+
+src/CMakeFiles/kova-api.dir/kova_zone.cc.s: cmake_force
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green "Compiling CXX source to assembly CMakeFiles/kova-api.dir/kova_zone.cc.s"
+	cd /work/main/build/src && /usr/bin/c++ $(CXX_DEFINES) $(CXX_INCLUDES) $(CXX_FLAGS) -S /work/main/src/kova_zone.cc -o CMakeFiles/kova-api.dir/kova_zone.cc.s
+
 # Object files for target kova-api
 kova__api_OBJECTS = \
 "CMakeFiles/kova-api.dir/kova.cc.o" \
+"CMakeFiles/kova-api.dir/kova_app.cc.o" \
 "CMakeFiles/kova-api.dir/kova_internal.cc.o" \
+"CMakeFiles/kova-api.dir/kova_policy.cc.o" \
 "CMakeFiles/kova-api.dir/kova_private.cc.o" \
-"CMakeFiles/kova-api.dir/kova_private_player.cc.o"
+"CMakeFiles/kova-api.dir/kova_private_player.cc.o" \
+"CMakeFiles/kova-api.dir/kova_zone.cc.o"
 
 # External object files for target kova-api
 kova__api_EXTERNAL_OBJECTS =
 
 src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/kova.cc.o
+src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/kova_app.cc.o
 src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/kova_internal.cc.o
+src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/kova_policy.cc.o
 src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/kova_private.cc.o
 src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/kova_private_player.cc.o
+src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/kova_zone.cc.o
 src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/build.make
 src/libkova-api.so.0.1.0: platform/libmarlo.so.0.0.0
 src/libkova-api.so.0.1.0: platform/libpelk.so
@@ -150,7 +198,7 @@ src/libkova-api.so.0.1.0: /usr/lib/x86_64-linux-gnu/libgobject-2.0.so
 src/libkova-api.so.0.1.0: /usr/lib/x86_64-linux-gnu/libglib-2.0.so
 src/libkova-api.so.0.1.0: /work/main/src/libkova-api.map
 src/libkova-api.so.0.1.0: src/CMakeFiles/kova-api.dir/link.txt
-	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --bold --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_5) "Linking CXX shared library libkova-api.so"
+	@$(CMAKE_COMMAND) -E cmake_echo_color --switch=$(COLOR) --green --bold --progress-dir=/work/main/build/CMakeFiles --progress-num=$(CMAKE_PROGRESS_8) "Linking CXX shared library libkova-api.so"
 	cd /work/main/build/src && $(CMAKE_COMMAND) -E cmake_link_script CMakeFiles/kova-api.dir/link.txt --verbose=$(VERBOSE)
 	cd /work/main/build/src && $(CMAKE_COMMAND) -E cmake_symlink_library libkova-api.so.0.1.0 libkova-api.so.0 libkova-api.so
 

@@ -1,0 +1,207 @@
+#include "fake_kova.h"
+
+#include <chrono>
+#include <future>
+
+#include "platform_doubles.h"
+
+namespace kova_test {
+
+std::string Variant::text() const {
+  if (!v_) return "";
+  gchar *s = g_variant_print(v_, FALSE);
+  std::string out = s;
+  g_free(s);
+  return out;
+}
+
+Variant Variant::child(size_t i) const { return Variant(g_variant_get_child_value(v_, i)); }
+int Variant::i32(size_t i) const { return g_variant_get_int32(child(i).get()); }
+unsigned int Variant::u32(size_t i) const { return g_variant_get_uint32(child(i).get()); }
+std::string Variant::str(size_t i) const { return g_variant_get_string(child(i).get(), nullptr); }
+
+Answer Answer::Value(GVariant *v) {
+  Answer a;
+  a.kind = Kind::kValue;
+  a.value = Variant(v);
+  return a;
+}
+Answer Answer::Int(int v) { return Value(g_variant_new("(i)", v)); }
+Answer Answer::Error(const std::string &name, const std::string &message) {
+  Answer a;
+  a.kind = Kind::kError;
+  a.error_name = name;
+  a.error_message = message;
+  return a;
+}
+Answer Answer::UnknownMethod() { return Answer(); }
+
+FakeKova::FakeKova(const std::string &address) : address_(address) {
+  context_ = g_main_context_new();
+  loop_ = g_main_loop_new(context_, FALSE);
+  std::promise<void> ready;
+  std::future<void> started = ready.get_future();
+  thread_ = std::thread([this, &ready] {
+    g_main_context_push_thread_default(context_);
+    GError *err = nullptr;
+    connection_ = g_dbus_connection_new_for_address_sync(
+        address_.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &err);
+    if (connection_ == nullptr) {
+      error_ = err ? err->message : "connect failed";
+      g_clear_error(&err);
+    } else {
+      g_dbus_connection_set_exit_on_close(connection_, FALSE);
+      filter_id_ = g_dbus_connection_add_filter(connection_, &FakeKova::Filter, this, nullptr);
+      GVariant *r = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                "org.freedesktop.DBus", "RequestName",
+                                                g_variant_new("(su)", kServiceName, 4u /* DO_NOT_QUEUE */),
+                                                G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &err);
+      if (r == nullptr) {
+        error_ = err ? err->message : "RequestName failed";
+        g_clear_error(&err);
+      } else {
+        guint32 result = 0;
+        g_variant_get(r, "(u)", &result);
+        g_variant_unref(r);
+        owns_name_ = result == 1;  // primary owner
+        if (!owns_name_) error_ = "service name already owned";
+      }
+    }
+    ready.set_value();
+    g_main_loop_run(loop_);
+    g_main_context_pop_thread_default(context_);
+  });
+  started.wait();
+}
+
+FakeKova::~FakeKova() {
+  if (connection_ != nullptr) {
+    g_dbus_connection_remove_filter(connection_, filter_id_);
+    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+  }
+  g_main_loop_quit(loop_);
+  thread_.join();
+  if (connection_ != nullptr) g_object_unref(connection_);
+  // Let the context run what closing the connection queued on it.
+  while (g_main_context_iteration(context_, FALSE)) {
+  }
+  g_main_loop_unref(loop_);
+  g_main_context_unref(context_);
+}
+
+std::string FakeKova::unique_name() const {
+  return connection_ ? g_dbus_connection_get_unique_name(connection_) : "";
+}
+
+void FakeKova::Set(const std::string &method, Answer answer) {
+  SetHandler(method, [answer](const Call &) { return answer; });
+}
+
+void FakeKova::SetHandler(const std::string &method, Handler handler) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  handlers_[method] = std::move(handler);
+}
+
+std::vector<Call> FakeKova::Calls() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return calls_;
+}
+
+std::vector<Call> FakeKova::CallsTo(const std::string &method) const {
+  std::vector<Call> out;
+  for (const Call &call : Calls()) {
+    if (call.method == method) out.push_back(call);
+  }
+  return out;
+}
+
+size_t FakeKova::CallCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return calls_.size();
+}
+
+void FakeKova::ClearCalls() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  calls_.clear();
+}
+
+bool FakeKova::WaitForCalls(size_t n, int timeout_ms) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return calls_.size() >= n; });
+}
+
+void FakeKova::Emit(const std::string &signal, GVariant *params) {
+  EmitOnPath(kServicePath, kServiceInterface, signal, params);
+}
+
+void FakeKova::EmitOnPath(const std::string &path, const std::string &interface, const std::string &signal,
+                          GVariant *params) {
+  GError *err = nullptr;
+  if (!g_dbus_connection_emit_signal(connection_, nullptr, path.c_str(), interface.c_str(), signal.c_str(), params,
+                                     &err)) {
+    g_printerr("fake kova: cannot emit %s: %s\n", signal.c_str(), err ? err->message : "?");
+    g_clear_error(&err);
+  }
+  g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
+}
+
+// Runs in GDBus's worker thread, in the order the messages arrive, so a call is
+// recorded before anything the caller sent after it is looked at.
+GDBusMessage *FakeKova::Filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self_ptr) {
+  auto *self = static_cast<FakeKova *>(self_ptr);
+  if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL ||
+      g_strcmp0(g_dbus_message_get_interface(message), kServiceInterface) != 0) {
+    return message;
+  }
+  Call call;
+  call.method = g_dbus_message_get_member(message) ? g_dbus_message_get_member(message) : "";
+  call.path = g_dbus_message_get_path(message) ? g_dbus_message_get_path(message) : "";
+  const char *sig = g_dbus_message_get_signature(message);
+  call.signature = std::string("(") + (sig ? sig : "") + ")";
+  GVariant *body = g_dbus_message_get_body(message);
+  call.args = Variant(body ? g_variant_ref(body) : g_variant_new("()"));
+  call.no_reply_expected = (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0;
+  call.sender = g_dbus_message_get_sender(message) ? g_dbus_message_get_sender(message) : "";
+  doubles::Note("call " + call.method);
+
+  Handler handler;
+  {
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->calls_.push_back(call);
+    auto it = self->handlers_.find(call.method);
+    if (it != self->handlers_.end()) handler = it->second;
+  }
+  self->cv_.notify_all();
+  Answer answer = handler ? handler(call) : Answer::UnknownMethod();
+  if (!call.no_reply_expected) self->Answer_(message, answer);
+  g_object_unref(message);
+  return nullptr;
+}
+
+void FakeKova::Answer_(GDBusMessage *message, const Answer &answer) {
+  GDBusMessage *reply = nullptr;
+  switch (answer.kind) {
+    case Answer::Kind::kValue:
+      reply = g_dbus_message_new_method_reply(message);
+      g_dbus_message_set_body(reply, answer.value.get());  // takes its own reference
+      break;
+    case Answer::Kind::kError:
+      reply = g_dbus_message_new_method_error_literal(message, answer.error_name.c_str(),
+                                                      answer.error_message.c_str());
+      break;
+    case Answer::Kind::kUnknownMethod: {
+      const char *member = g_dbus_message_get_member(message);
+      std::string text = std::string("No such method '") + (member ? member : "") + "'";
+      reply = g_dbus_message_new_method_error_literal(message, "org.freedesktop.DBus.Error.UnknownMethod",
+                                                      text.c_str());
+      break;
+    }
+  }
+  g_dbus_connection_send_message(connection_, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+  g_object_unref(reply);
+}
+
+}  // namespace kova_test

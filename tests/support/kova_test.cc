@@ -1,0 +1,108 @@
+#include "kova_test.h"
+
+#include <glib.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "kova_private.h"
+
+namespace kova_test {
+namespace {
+
+std::unique_ptr<PrivateBus> g_bus;
+
+class BusEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    std::string error;
+    g_bus = PrivateBus::Start(&error);
+    ASSERT_TRUE(g_bus) << error;
+    g_bus->ExportAsSystemBus();
+  }
+  void TearDown() override {
+    // The bus goes away before the process ends; the library's connection must
+    // not take the process with it.
+    if (g_bus) g_dbus_connection_set_exit_on_close(_kova_dbus_get_connection(), FALSE);
+    g_bus.reset();
+  }
+};
+
+const auto *const kRegistered = ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+
+}  // namespace
+
+const PrivateBus *TestBus() { return g_bus.get(); }
+
+bool WaitUntil(const std::function<bool()> &done, int timeout_ms, GMainContext *ctx) {
+  if (ctx == nullptr) ctx = g_main_context_default();
+  bool timed_out = false;
+  GSource *timer = g_timeout_source_new(static_cast<guint>(timeout_ms));
+  g_source_set_callback(
+      timer,
+      [](gpointer flag) -> gboolean {
+        *static_cast<bool *>(flag) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &timed_out, nullptr);
+  g_source_attach(timer, ctx);
+  while (!done() && !timed_out) g_main_context_iteration(ctx, TRUE);
+  g_source_destroy(timer);
+  g_source_unref(timer);
+  return done();
+}
+
+void Drain(GMainContext *ctx) {
+  if (ctx == nullptr) ctx = g_main_context_default();
+  while (g_main_context_iteration(ctx, FALSE)) {
+  }
+}
+
+void Sync(const FakeKova &service, GMainContext *ctx) {
+  GDBusConnection *conn = _kova_dbus_get_connection();
+  ASSERT_NE(conn, nullptr);
+  GError *error = nullptr;
+  GVariant *r = g_dbus_connection_call_sync(conn, service.unique_name().c_str(), "/", "org.freedesktop.DBus.Peer",
+                                            "Ping", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+  ASSERT_NE(r, nullptr) << (error ? error->message : "");
+  g_variant_unref(r);
+  Drain(ctx);
+}
+
+std::string Hex(int id) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%08X", static_cast<unsigned>(id));
+  return buf;
+}
+
+void KovaTest::SetUp() {
+  ASSERT_NE(TestBus(), nullptr);
+  doubles::Reset();
+  service_ = std::make_unique<FakeKova>(TestBus()->address());
+  ASSERT_TRUE(service_->ok()) << service_->error();
+}
+
+void KovaTest::TearDown() {
+  service_.reset();
+  Drain();
+}
+
+void KovaTest::Emit(const std::string &signal, GVariant *params) {
+  Sync();
+  service_->Emit(signal, params);
+}
+
+Call KovaTest::LastCall(const std::string &method) {
+  std::vector<Call> calls = service_->CallsTo(method);
+  EXPECT_FALSE(calls.empty()) << "no call of " << method;
+  return calls.empty() ? Call{} : calls.back();
+}
+
+}  // namespace kova_test
+
+int main(int argc, char **argv) {
+  // A GLib critical is a failed test, also when the binary runs outside CTest.
+  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR));
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

@@ -1,0 +1,214 @@
+// The service link: command identifiers, the connection, the synchronous and
+// fire-and-forget calls with their CPU-inheritance bracket, subscriptions and
+// the log line.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <regex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "kova_private.h"
+#include "kova_test.h"
+
+extern "C" const size_t kova_c_api_count;
+
+namespace kova_test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+TEST(CommandId, PidInUpperHalfCounterInLower) {
+  EXPECT_EQ(kova::make_command_id(100, 0), 100 * 65536);
+  EXPECT_EQ(kova::make_command_id(100, 1), 100 * 65536 + 1);
+  // Only the pid's low 16 bits survive the shift.
+  EXPECT_EQ(kova::make_command_id(65536 + 7, 3), 7 * 65536 + 3);
+  // The counter is not reduced to 16 bits: from 65536 on it spills into the pid half.
+  EXPECT_EQ(kova::make_command_id(100, 65536), kova::make_command_id(101, 0));
+  EXPECT_EQ(kova::make_command_id(101, 65536), kova::make_command_id(101, 0));
+}
+
+TEST(CommandId, ConsecutiveAndOverflowingIntoThePidHalf) {
+  const int pid = static_cast<int>(getpid());
+  const int first = _kova_get_command_id();
+  ASSERT_EQ(static_cast<unsigned>(first) >> 16, static_cast<unsigned>(pid) & 0xFFFFu);
+  EXPECT_EQ(_kova_get_command_id(), first + 1);
+  // Draw up to counter 65535, then the next identifier carries bit 16.
+  const unsigned counter = (static_cast<unsigned>(first) & 0xFFFFu) + 2;
+  int last = 0;
+  for (unsigned c = counter; c < 65536; ++c) last = _kova_get_command_id();
+  EXPECT_EQ(last, kova::make_command_id(pid, 65535));
+  EXPECT_EQ(_kova_get_command_id(), kova::make_command_id(pid, 65536));
+  EXPECT_EQ(kova::make_command_id(pid, 65536), static_cast<int>((static_cast<unsigned>(pid) << 16) | 0x10000u));
+}
+
+TEST(CommandId, UniqueAcrossThreads) {
+  constexpr int kThreads = 8;
+  constexpr int kEach = 5000;
+  std::vector<std::vector<int>> drawn(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&drawn, t] {
+      for (int i = 0; i < kEach; ++i) drawn[t].push_back(_kova_get_command_id());
+    });
+  }
+  for (auto &th : threads) th.join();
+  std::set<int> all;
+  for (const auto &ids : drawn) all.insert(ids.begin(), ids.end());
+  EXPECT_EQ(all.size(), static_cast<size_t>(kThreads * kEach));
+  EXPECT_EQ(*all.rbegin() - *all.begin(), kThreads * kEach - 1);
+}
+
+class ServiceLinkTest : public KovaTest {};
+
+TEST_F(ServiceLinkTest, ConnectionIsCreatedOnceForAllThreads) {
+  std::vector<GDBusConnection *> seen(8, nullptr);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < seen.size(); ++i) {
+    threads.emplace_back([&seen, i] { seen[i] = _kova_dbus_get_connection(); });
+  }
+  for (auto &th : threads) th.join();
+  ASSERT_NE(seen[0], nullptr);
+  for (GDBusConnection *c : seen) EXPECT_EQ(c, seen[0]);
+  EXPECT_EQ(_kova_dbus_get_connection(), seen[0]);
+  EXPECT_FALSE(g_dbus_connection_is_closed(seen[0]));
+  EXPECT_EQ(doubles::CountLogPrefix("g_bus_get_sync() error"), 0);
+}
+
+TEST_F(ServiceLinkTest, SynchronousCallIsBracketedByCpuInheritance) {
+  service().SetInt("Probe", 5);
+  GVariant *reply = nullptr;
+  ASSERT_EQ(_kova_dbus_method_call("Probe", g_variant_new("(ii)", 1, 2), &reply), 0);
+  ASSERT_NE(reply, nullptr);
+  EXPECT_STREQ(g_variant_get_type_string(reply), "(i)");
+  g_variant_unref(reply);
+
+  Call call = LastCall("Probe");
+  EXPECT_EQ(call.signature, "(ii)");
+  EXPECT_EQ(call.args.text(), "(1, 2)");
+  EXPECT_EQ(call.path, kServicePath);
+  EXPECT_FALSE(call.no_reply_expected);
+  EXPECT_THAT(doubles::Timeline(), ElementsAre("set 0 kova 2000", "call Probe", "clear 0 kova"));
+  EXPECT_TRUE(doubles::HasLog("Method call 'Probe'", doubles::kInfo));
+}
+
+TEST_F(ServiceLinkTest, FailedSynchronousCallStillClearsInheritance) {
+  service().Set("Probe", Answer::Error("org.zelta.Error.Busy", "busy now"));
+  GVariant *reply = nullptr;
+  EXPECT_EQ(_kova_dbus_method_call("Probe", g_variant_new("(i)", 1), &reply), -1);
+  EXPECT_EQ(reply, nullptr);
+  EXPECT_THAT(doubles::Timeline(), ElementsAre("set 0 kova 2000", "call Probe", "clear 0 kova"));
+  EXPECT_EQ(doubles::CountLog("Method Call 'Probe' Failed (GDBus.Error:org.zelta.Error.Busy: busy now)",
+                              doubles::kError),
+            1);
+}
+
+TEST_F(ServiceLinkTest, MissingMethodAndAbsentServiceFailTheCall) {
+  GVariant *reply = nullptr;
+  EXPECT_EQ(_kova_dbus_method_call("NoSuchThing", g_variant_new("(i)", 1), &reply), -1);
+  EXPECT_EQ(doubles::CountLogPrefix("Method Call 'NoSuchThing' Failed (", doubles::kError), 1);
+  StopService();
+  EXPECT_EQ(_kova_dbus_method_call("Probe", g_variant_new("(i)", 1), &reply), -1);
+  EXPECT_EQ(doubles::CountLogPrefix("Method Call 'Probe' Failed (", doubles::kError), 1);
+  // Set and clear bracket both attempts.
+  EXPECT_EQ(doubles::Timeline().back(), "clear 0 kova");
+}
+
+TEST_F(ServiceLinkTest, FireAndForgetIsNotBracketedAndExpectsNoReply) {
+  ASSERT_EQ(_kova_dbus_method_call_async_with_no_reply("Notice", g_variant_new("(is)", 9, "x")), 0);
+  Sync();
+  Call call = LastCall("Notice");
+  EXPECT_TRUE(call.no_reply_expected);
+  EXPECT_EQ(call.signature, "(is)");
+  EXPECT_THAT(doubles::Timeline(), ElementsAre("call Notice"));
+}
+
+TEST_F(ServiceLinkTest, FireAndForgetSucceedsWithoutService) {
+  StopService();
+  EXPECT_EQ(_kova_dbus_method_call_async_with_no_reply("Notice", g_variant_new("(i)", 1)), 0);
+}
+
+TEST_F(ServiceLinkTest, NullMethodNameIsRefusedAndTheTupleReleased) {
+  GVariant *reply = nullptr;
+  EXPECT_EQ(_kova_dbus_method_call(nullptr, g_variant_new("(i)", 1), &reply), -1);
+  EXPECT_EQ(_kova_dbus_method_call_async_with_no_reply(nullptr, g_variant_new("(i)", 1)), -1);
+  EXPECT_EQ(doubles::CountLog("Invalid Argument", doubles::kError), 2);
+  Sync();
+  EXPECT_EQ(service().CallCount(), 0u);
+  EXPECT_TRUE(doubles::Timeline().empty());
+}
+
+TEST_F(ServiceLinkTest, NormalModeFollowsThePolicyMarker) {
+  EXPECT_TRUE(_kova_is_normal_mode());
+  doubles::SetMarker("/tmp/.rsc_policy_activated", doubles::Marker::kPresent);
+  EXPECT_FALSE(_kova_is_normal_mode());
+  for (const doubles::PelkCall &c : doubles::PelkCalls()) {
+    EXPECT_EQ(c.path, "/tmp/.rsc_policy_activated");
+    EXPECT_EQ(c.timeout_ms, 0);
+  }
+}
+
+TEST_F(ServiceLinkTest, LogLineLayout) {
+  service().SetInt("Probe", 0);
+  GVariant *reply = nullptr;
+  ASSERT_EQ(_kova_dbus_method_call("Probe", nullptr, &reply), 0);
+  g_variant_unref(reply);
+  std::vector<doubles::LogLine> lines = doubles::Logs();
+  ASSERT_FALSE(lines.empty());
+  for (const doubles::LogLine &line : lines) {
+    EXPECT_EQ(line.buffer, 2);
+    EXPECT_EQ(line.tag, "KOVA_API");
+    EXPECT_TRUE(line.priority == 4 || line.priority == 6);
+  }
+  EXPECT_TRUE(std::regex_match(lines.front().text,
+                               std::regex(R"(kova_private\.cc: _kova_dbus_method_call\(\d+\) > Method call 'Probe')")))
+      << lines.front().text;
+}
+
+void CountRequest(int, void *user_data) { ++*static_cast<int *>(user_data); }
+
+TEST_F(ServiceLinkTest, SubscriptionMatchesInterfaceMemberAndPathFromAnySender) {
+  int hits = 0;
+  doubles::ClearLogs();
+  unsigned int id = kova_register_player_video_start_request_callback(CountRequest, &hits);
+  ASSERT_NE(id, 0u);
+  // The subscription line comes before the bus library is asked.
+  EXPECT_EQ(doubles::Messages().front(), "Dbus subscirbe signal PlayerVideoStart");
+
+  Emit("PlayerVideoStart", g_variant_new("(ii)", 1, 2));
+  ASSERT_TRUE(WaitUntil([&] { return hits == 1; }));
+  service().EmitOnPath("/Other", kServiceInterface, "PlayerVideoStart", g_variant_new("(ii)", 1, 2));
+  service().EmitOnPath(kServicePath, "org.other.Interface", "PlayerVideoStart", g_variant_new("(ii)", 1, 2));
+  Sync();
+  EXPECT_EQ(hits, 1);
+
+  // Any sender: a second connection that does not own the service name is heard too.
+  GDBusConnection *other = g_dbus_connection_new_for_address_sync(
+      TestBus()->address().c_str(),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, nullptr);
+  ASSERT_NE(other, nullptr);
+  g_dbus_connection_emit_signal(other, nullptr, kServicePath, kServiceInterface, "PlayerVideoStart",
+                                g_variant_new("(ii)", 1, 2), nullptr);
+  g_dbus_connection_flush_sync(other, nullptr, nullptr);
+  ASSERT_TRUE(WaitUntil([&] { return hits == 2; }));
+  g_dbus_connection_close_sync(other, nullptr, nullptr);
+  g_object_unref(other);
+
+  EXPECT_EQ(kova_unregister_player_video_start_request_callback(id), 0);
+  Emit("PlayerVideoStart", g_variant_new("(ii)", 1, 2));
+  Sync();
+  EXPECT_EQ(hits, 2);
+  // Unregistering the same handle again releases nothing twice (the sanitizer
+  // build would see it) and still answers 0.
+  EXPECT_EQ(kova_unregister_player_video_start_request_callback(id), 0);
+}
+
+TEST(PublicHeader, CompilesAsCAndLinks) { EXPECT_GT(kova_c_api_count, 0u); }
+
+}  // namespace
+}  // namespace kova_test
