@@ -11,6 +11,10 @@
  * context of the thread that made the subscription, and only while a main loop
  * runs there. The library starts no thread of its own.
  *
+ * Enumerations carry values of the service that the library passes through
+ * unchanged; each has a *_FORCE_INT member so that every int is a valid value
+ * of it in C++ too.
+ *
  * Strings passed in are copied where the library keeps them and must be
  * NUL-terminated UTF-8; a string that is not valid UTF-8 is refused like a null
  * one ("invalid param" and the function's failure result), since the bus could
@@ -42,6 +46,7 @@ extern "C" {
  * come from the service and are passed through unchanged. */
 typedef enum {
   KOVA_AUDIO_OUT_MAIN = 1,
+  KOVA_AUDIO_OUT_FORCE_INT = 0x7FFFFFFF, /* keeps every int value valid in C++ */
 } kova_audio_out_e;
 
 /* A player's current audio output. While the resource policy is active any
@@ -50,6 +55,7 @@ typedef enum {
   KOVA_PLAYER_AUDIO_OUT_NONE = 0,
   KOVA_PLAYER_AUDIO_OUT_MAIN = 1,
   KOVA_PLAYER_AUDIO_OUT_SUB = 2,
+  KOVA_PLAYER_AUDIO_OUT_FORCE_INT = 0x7FFFFFFF, /* keeps every int value valid in C++ */
 } kova_player_audio_out_e;
 
 /* Registers player_id with the service (fire-and-forget). Waits up to 3000 ms

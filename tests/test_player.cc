@@ -81,7 +81,7 @@ struct PlayCase {
   const char *name;
   Answer answer;
   int result;
-  int stored;  // -100: untouched
+  int stored;  // 100: untouched
   const char *log;  // after the "[<command id>] " of the line
   int priority;
 };
@@ -93,7 +93,7 @@ class PlayRequestTest : public KovaTest, public ::testing::WithParamInterface<Pl
 TEST_P(PlayRequestTest, MapsTheReply) {
   const PlayCase &c = GetParam();
   service().Set("PlayerRequestPlay", c.answer);
-  kova_audio_out_e out = static_cast<kova_audio_out_e>(-100);
+  kova_audio_out_e out = static_cast<kova_audio_out_e>(100);
   EXPECT_EQ(kova_player_request_play(11, &out), c.result);
   EXPECT_EQ(static_cast<int>(out), c.stored);
   Call call = LastCall("PlayerRequestPlay");
@@ -110,10 +110,10 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         PlayCase{"granted_sub", Answer::Int(2), 0, 2, "(PlayerRequestPlay) success :: (2)", doubles::kInfo},
         PlayCase{"granted_main", Answer::Int(1), 0, 1, "(PlayerRequestPlay) success :: (1)", doubles::kInfo},
-        PlayCase{"refused", Answer::Int(-4), -1, -100, "(PlayerRequestPlay) failed -4", doubles::kError},
-        PlayCase{"error", Answer::Error("org.zelta.Error.Failed", "no"), -1, -100, "(PlayerRequestPlay) failed",
+        PlayCase{"refused", Answer::Int(-4), -1, 100, "(PlayerRequestPlay) failed -4", doubles::kError},
+        PlayCase{"error", Answer::Error("org.zelta.Error.Failed", "no"), -1, 100, "(PlayerRequestPlay) failed",
                  doubles::kError},
-        PlayCase{"malformed", Answer::Value(g_variant_new("(s)", "2")), -1, -100,
+        PlayCase{"malformed", Answer::Value(g_variant_new("(s)", "2")), -1, 100,
                  "(PlayerRequestPlay) unexpected reply type ((s))", doubles::kError}),
     [](const auto &p) { return std::string(p.param.name); });
 

@@ -79,6 +79,7 @@ set(CMAKE_DEPEND_INFO_FILES
   "platform/CMakeFiles/brask.dir/DependInfo.cmake"
   "platform/CMakeFiles/ostel.dir/DependInfo.cmake"
   "src/CMakeFiles/kova-api.dir/DependInfo.cmake"
+  "examples/CMakeFiles/player_life.dir/DependInfo.cmake"
   "tests/CMakeFiles/kova_test_support.dir/DependInfo.cmake"
   "tests/CMakeFiles/kova_test_main.dir/DependInfo.cmake"
   "tests/CMakeFiles/test_service_link.dir/DependInfo.cmake"

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,8 +14,6 @@
 #include <vector>
 
 #include <glib.h>
-
-extern char **environ;
 
 namespace kova_test {
 
@@ -84,22 +82,30 @@ std::unique_ptr<PrivateBus> PrivateBus::Start(const Options &options, std::strin
     *error = std::string("pipe: ") + std::strerror(errno);
     return nullptr;
   }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], 3);
   std::string config_arg = "--config-file=" + config_path;
-  std::vector<char *> argv = {const_cast<char *>("dbus-daemon"), const_cast<char *>("--nofork"),
-                              const_cast<char *>("--nopidfile"), config_arg.data(),
-                              const_cast<char *>("--print-address=3"), nullptr};
-  pid_t pid = -1;
-  int rc = posix_spawnp(&pid, "dbus-daemon", &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(fds[1]);
-  if (rc != 0) {
+  const char *argv[] = {"dbus-daemon", "--nofork", "--nopidfile", config_arg.c_str(), "--print-address=3", nullptr};
+  const pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid < 0) {
     close(fds[0]);
-    *error = std::string("cannot start dbus-daemon: ") + std::strerror(rc);
+    close(fds[1]);
+    *error = std::string("fork: ") + std::strerror(errno);
     return nullptr;
   }
+  if (pid == 0) {
+    // The daemon dies with the test process, also when a sanitizer aborts it,
+    // and does not hold the test's output open (CTest waits for that to close).
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(127);
+    int devnull = open("/dev/null", O_RDWR);
+    dup2(devnull, STDIN_FILENO);
+    dup2(devnull, STDOUT_FILENO);
+    dup2(devnull, STDERR_FILENO);
+    dup2(fds[1], 3);
+    execvp(argv[0], const_cast<char *const *>(argv));
+    _exit(127);
+  }
+  close(fds[1]);
   bus->pid_ = pid;
   // The daemon prints its address once it listens: read up to the newline.
   std::string address;
