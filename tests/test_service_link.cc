@@ -62,7 +62,14 @@ TEST(CommandId, UniqueAcrossThreads) {
   EXPECT_EQ(*all.rbegin() - *all.begin(), kThreads * kEach - 1);
 }
 
-class ServiceLinkTest : public KovaTest {};
+// These tests call made-up methods to exercise the transport itself.
+class ServiceLinkTest : public KovaTest {
+ protected:
+  void SetUp() override {
+    KovaTest::SetUp();
+    AllowOffInterfaceCalls();
+  }
+};
 
 TEST_F(ServiceLinkTest, ConnectionIsCreatedOnceForAllThreads) {
   std::vector<GDBusConnection *> seen(8, nullptr);
@@ -206,6 +213,24 @@ TEST_F(ServiceLinkTest, SubscriptionMatchesInterfaceMemberAndPathFromAnySender) 
   // Unregistering the same handle again releases nothing twice (the sanitizer
   // build would see it) and still answers 0.
   EXPECT_EQ(kova_unregister_player_video_start_request_callback(id), 0);
+}
+
+// The fake service holds every library call to the interface file; make sure
+// that check itself bites.
+TEST_F(ServiceLinkTest, FakeServiceFlagsCallsOffTheInterface) {
+  GVariant *reply = nullptr;
+  _kova_dbus_method_call_async_with_no_reply("PlayerRequestPlay", g_variant_new("(ii)", 1, 2));
+  _kova_dbus_method_call("PlayerRegister", g_variant_new("(iii)", 1, 2, 3), &reply);
+  _kova_dbus_method_call("GetMaxVideo", g_variant_new("(ii)", 1, 2), &reply);
+  _kova_dbus_method_call("Probe", g_variant_new("(i)", 1), &reply);
+  service().SetInt("PlayerVideoStartDone", 0);
+  ASSERT_EQ(_kova_dbus_method_call("PlayerVideoStartDone", g_variant_new("(ii)", 1, 2), &reply), 0);
+  g_variant_unref(reply);
+  Sync();
+  EXPECT_THAT(service().InterfaceViolations(),
+              ElementsAre("PlayerRequestPlay(ii): does not await the reply",
+                          "PlayerRegister(iii): awaits a reply from a NoReply method",
+                          "GetMaxVideo(ii): arguments should be (is)", "Probe(i): no such method in the interface"));
 }
 
 TEST(PublicHeader, CompilesAsCAndLinks) { EXPECT_GT(kova_c_api_count, 0u); }

@@ -6,6 +6,52 @@
 #include "platform_doubles.h"
 
 namespace kova_test {
+namespace {
+
+// The service's interface as the library is meant to use it, loaded once.
+GDBusInterfaceInfo *ServiceInterface() {
+  static GDBusInterfaceInfo *info = [] {
+    gchar *xml = nullptr;
+    GError *err = nullptr;
+    if (!g_file_get_contents(KOVA_INTERFACE_XML, &xml, nullptr, &err)) {
+      g_printerr("fake kova: %s\n", err->message);
+      g_error_free(err);
+      return static_cast<GDBusInterfaceInfo *>(nullptr);
+    }
+    GDBusNodeInfo *node = g_dbus_node_info_new_for_xml(xml, &err);
+    g_free(xml);
+    if (node == nullptr) {
+      g_printerr("fake kova: %s\n", err->message);
+      g_error_free(err);
+      return static_cast<GDBusInterfaceInfo *>(nullptr);
+    }
+    GDBusInterfaceInfo *iface = g_dbus_node_info_lookup_interface(node, kServiceInterface);
+    if (iface != nullptr) g_dbus_interface_info_ref(iface);
+    g_dbus_node_info_unref(node);
+    return iface;
+  }();
+  return info;
+}
+
+std::string CheckAgainstInterface(const Call &call) {
+  GDBusInterfaceInfo *iface = ServiceInterface();
+  if (iface == nullptr) return "interface file not loaded";
+  GDBusMethodInfo *method = g_dbus_interface_info_lookup_method(iface, call.method.c_str());
+  if (method == nullptr) return "no such method in the interface";
+  std::string expected = "(";
+  for (GDBusArgInfo **arg = method->in_args; arg && *arg; ++arg) expected += (*arg)->signature;
+  expected += ")";
+  if (expected != call.signature) return "arguments should be " + expected;
+  const bool no_reply = g_strcmp0(g_dbus_annotation_info_lookup(method->annotations,
+                                                                "org.freedesktop.DBus.Method.NoReply"),
+                                  "true") == 0;
+  if (no_reply != call.no_reply_expected) {
+    return no_reply ? "awaits a reply from a NoReply method" : "does not await the reply";
+  }
+  return "";
+}
+
+}  // namespace
 
 std::string Variant::text() const {
   if (!v_) return "";
@@ -123,6 +169,11 @@ size_t FakeKova::CallCount() const {
   return calls_.size();
 }
 
+std::vector<std::string> FakeKova::InterfaceViolations() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return violations_;
+}
+
 void FakeKova::ClearCalls() {
   std::lock_guard<std::mutex> lock(mutex_);
   calls_.clear();
@@ -171,6 +222,8 @@ GDBusMessage *FakeKova::Filter(GDBusConnection *, GDBusMessage *message, gboolea
   {
     std::lock_guard<std::mutex> lock(self->mutex_);
     self->calls_.push_back(call);
+    std::string violation = CheckAgainstInterface(call);
+    if (!violation.empty()) self->violations_.push_back(call.method + call.signature + ": " + violation);
     auto it = self->handlers_.find(call.method);
     if (it != self->handlers_.end()) handler = it->second;
   }

@@ -100,6 +100,11 @@ class FakeKova {
   // were received.
   bool WaitForCalls(size_t n, int timeout_ms = 5000) const;
 
+  // Calls that do not match the service's interface file: an unknown method,
+  // other argument types, or a reply awaited against the NoReply annotation
+  // (or not awaited without it). One "Method(signature): reason" each.
+  std::vector<std::string> InterfaceViolations() const;
+
   // Emits a signal of the service's interface and object path from the
   // service's connection; params is sunk.
   void Emit(const std::string &signal, GVariant *params);
@@ -123,6 +128,7 @@ class FakeKova {
   mutable std::mutex mutex_;
   mutable std::condition_variable cv_;
   std::vector<Call> calls_;
+  std::vector<std::string> violations_;
   std::map<std::string, Handler> handlers_;
 };
 

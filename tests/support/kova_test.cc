@@ -83,6 +83,9 @@ void KovaTest::SetUp() {
 }
 
 void KovaTest::TearDown() {
+  if (service_ && !allow_off_interface_) {
+    for (const std::string &v : service_->InterfaceViolations()) ADD_FAILURE() << "off the interface: " << v;
+  }
   service_.reset();
   Drain();
 }
