@@ -1,2 +1,0 @@
-# Empty dependencies file for tarn_system_resource.
-# This may be replaced when dependencies are built.
