@@ -175,13 +175,27 @@ void Service::OnMethodCall(GDBusConnection *, const char *, const char *, const 
   if (reply != nullptr) g_variant_ref_sink(reply);
   self->Log("[%08X] %s%s -> %s", static_cast<unsigned>(cmd), method, Print(params).c_str(),
             reply ? Print(reply).c_str() : "(no reply)");
-  // Answers before the signals that follow from the call, as a service would.
+  // The policy marker is in place when the caller has its answer; the
+  // signals that follow from the call come after the answer.
+  self->FollowPolicy();
   g_dbus_method_invocation_return_value(invocation, reply);
   if (reply != nullptr) g_variant_unref(reply);
   self->Flush();
 }
 
+void Service::FollowPolicy() {
+  if (kova_.policy_active() == policy_marker_) return;
+  policy_marker_ = kova_.policy_active();
+  if (policy_marker_) {
+    std::string error;
+    if (!markers_.Raise(kPolicyMarker, &error)) std::fprintf(stderr, "kova-sim: %s\n", error.c_str());
+  } else {
+    markers_.Lower(kPolicyMarker);
+  }
+}
+
 void Service::Flush() {
+  FollowPolicy();
   Outbox out = kova_.TakeOutbox();
   for (const Signal &signal : out.signals) EmitSignal(signal);
   for (const StopTimer &t : out.timers) {
@@ -189,15 +203,6 @@ void Service::Flush() {
     auto *data = new TimerData{this, key, t.player_id, t.serial};
     timers_[key] = g_timeout_add_full(G_PRIORITY_DEFAULT, static_cast<guint>(t.ms), &Service::OnStopTimer, data,
                                       [](gpointer d) { delete static_cast<TimerData *>(d); });
-  }
-  if (kova_.policy_active() != policy_marker_) {
-    policy_marker_ = kova_.policy_active();
-    if (policy_marker_) {
-      std::string error;
-      if (!markers_.Raise(kPolicyMarker, &error)) std::fprintf(stderr, "kova-sim: %s\n", error.c_str());
-    } else {
-      markers_.Lower(kPolicyMarker);
-    }
   }
 }
 

@@ -38,8 +38,9 @@ class Service {
                            const char *method, GVariant *params, GDBusMethodInvocation *invocation, gpointer self);
   static gboolean OnStopTimer(gpointer data);
 
-  // Sends the queued signals, arms the queued timers and follows the policy
-  // marker.
+  // Raises or lowers the policy marker as the policy says.
+  void FollowPolicy();
+  // Follows the policy, sends the queued signals and arms the queued timers.
   void Flush();
   void EmitSignal(const Signal &signal);
   void Log(const char *fmt, ...) const G_GNUC_PRINTF(2, 3);
