@@ -7,7 +7,9 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${KOVA_BUILD_DIR:-$root/build}
 "$root/scripts/setup.sh"
-"$root/scripts/build.sh" "$build"
+echo "building into $build"
+mkdir -p "$build"
+"$root/scripts/build.sh" "$build" >"$build/demo-build.log" 2>&1 || { cat "$build/demo-build.log"; exit 1; }
 
 work=$(mktemp -d /tmp/kova-demo-XXXXXX)
 sim_pid=
