@@ -38,21 +38,22 @@ struct RegistryNames {
 //
 // Locking. mutex_ guards the map only and is held for map operations alone:
 // never across a callback, a service call or a GDBus call. sub_mutex_
-// serialises the subscription's transitions and guards signal_id_ and
-// drop_owed_; it is held while deciding to subscribe or unsubscribe and doing
-// it (GDBus queues the match rule without waiting), never across a service
-// call or a callback. Order: sub_mutex_ before mutex_.
+// serialises the subscription's transitions and guards signal_id_; it is held
+// while deciding to subscribe or unsubscribe and doing it (GDBus queues the
+// match rule without waiting), never across a service call or a callback.
+// Order: sub_mutex_ before mutex_.
 //
 // Interleavings. An entry is added before the service is asked, so the map may
-// hold entries whose registration is still in flight. The first accepted
-// registration subscribes under sub_mutex_ unless a subscription exists, or
-// the map has emptied meanwhile. The removal that empties the map drops the
-// subscription under sub_mutex_ after re-checking that the map is still empty.
-// If registrations in flight refilled it, the subscription is kept for them and
-// the drop is owed: an accepted registration takes the subscription over, and a
-// failed one whose removal empties the map pays the drop, so no subscription
-// outlives the entries. A failed registration removes only its own record,
-// never one that a concurrent unregister-and-register of the same id put there.
+// hold entries whose registration is still in flight. An accepted
+// registration subscribes under sub_mutex_ unless a subscription exists or the
+// map has emptied meanwhile. Any removal that leaves the map empty (an
+// unregistration, or a registration that failed) drops the subscription under
+// sub_mutex_ after checking that the map is still empty; if a registration in
+// flight refilled it, that one reuses the subscription when accepted or, when
+// it fails and empties the map, drops it. So no subscription outlives the
+// entries, and two first registrations never subscribe twice. A failed
+// registration removes only its own record, never one that a concurrent
+// unregister-and-register of the same id put there.
 template <typename Traits>
 class AppRegistry {
  public:
@@ -83,7 +84,7 @@ class AppRegistry {
     if (tell_service_register(app_id, address(cb)) < 0) {
       KOVA_LOG_AT(KOVA_LOG_ERROR, Traits::kNames.register_cb, "failed to register app id(%s:%p)", app_id,
                   address(cb));
-      if (remove_record(app_id, cb, mine) == 0) drop_subscription(true);
+      if (remove_record(app_id, cb, mine) == 0) drop_subscription(Traits::kNames.register_cb);
       return -1;
     }
     return subscribe(app_id, cb, mine);
@@ -97,7 +98,7 @@ class AppRegistry {
                   address(cb));
     }
     if (left > 0) return 0;
-    return drop_subscription(false);
+    return drop_subscription(Traits::kNames.unregister_cb);
   }
 
   // Calls the one callback registered for the signal's application id, with
@@ -209,10 +210,7 @@ class AppRegistry {
   int subscribe(const char *app_id, Callback cb, const Record *mine) {
     const char *func = Traits::kNames.register_cb;
     std::lock_guard<std::mutex> sub(sub_mutex_);
-    if (signal_id_ != 0) {
-      drop_owed_ = false;
-      return 0;
-    }
+    if (signal_id_ != 0) return 0;
     if (map_empty()) return 0;  // unregistered meanwhile: nothing to listen for
     GDBusConnection *c = connection(func);
     if (c == nullptr) {
@@ -232,24 +230,17 @@ class AppRegistry {
     return 0;
   }
 
-  // After a removal that left the map empty. only_if_owed: the removal of a
-  // failed registration, which drops only a subscription kept for it.
-  int drop_subscription(bool only_if_owed) {
-    const char *func = only_if_owed ? Traits::kNames.register_cb : Traits::kNames.unregister_cb;
+  // After a removal that left the map empty. Without a connection the
+  // subscription stays; the next accepted registration reuses it.
+  int drop_subscription(const char *func) {
     std::lock_guard<std::mutex> sub(sub_mutex_);
-    if (only_if_owed && !drop_owed_) return 0;
-    if (signal_id_ == 0) return 0;
-    if (!map_empty()) {
-      drop_owed_ = true;
-      return 0;
-    }
+    if (signal_id_ == 0 || !map_empty()) return 0;
     GDBusConnection *c = connection(func);
     if (c == nullptr) return -1;
     KOVA_LOG_AT(KOVA_LOG_INFO, func, "unsubscribe %s change(%d)", Traits::kWhat, static_cast<int>(signal_id_));
     g_dbus_connection_signal_unsubscribe(c, signal_id_);
     g_object_unref(c);
     signal_id_ = 0;
-    drop_owed_ = false;
     return 0;
   }
 
@@ -257,7 +248,6 @@ class AppRegistry {
   std::map<std::string, RecordPtr, std::less<>> map_;
   std::mutex sub_mutex_;
   unsigned int &signal_id_;
-  bool drop_owed_ = false;
 };
 
 }  // namespace kova
