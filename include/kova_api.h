@@ -219,9 +219,10 @@ KOVA_API int kova_unsubscribe_max_video_resolution_changed(const char *app_id,
 /* Resource policies known to the service. The values are the service's and
  * are sent unchanged; values not listed here are sent as they are too. */
 typedef enum {
-  KOVA_RSC_POLICY_DEFAULT = 0,  /* no particular policy */
+  KOVA_RSC_POLICY_DEFAULT = 0,   /* no particular policy */
   KOVA_RSC_POLICY_MULTIVIEW = 1, /* several applications share the screen */
   KOVA_RSC_POLICY_GAME = 2,      /* low-latency play */
+  KOVA_RSC_POLICY_FORCE_INT = 0x7FFFFFFF, /* keeps every non-negative int valid in C++ */
 } kova_rsc_policy_e;
 
 /* Video codecs, sent unchanged like kova_rsc_policy_e. */
@@ -230,6 +231,7 @@ typedef enum {
   KOVA_VIDEO_CODEC_HEVC = 1,
   KOVA_VIDEO_CODEC_VP9 = 2,
   KOVA_VIDEO_CODEC_AV1 = 3,
+  KOVA_VIDEO_CODEC_FORCE_INT = 0x7FFFFFFF, /* keeps every non-negative int valid in C++ */
 } kova_video_codec_e;
 
 /* Asks the service for the maximum video resolution it allows app_id and

@@ -82,8 +82,7 @@ class AppRegistry {
     Record *mine = add_record(app_id, cb, user_data);
     if (mine == nullptr) return -1;
     if (tell_service_register(app_id, address(cb)) < 0) {
-      KOVA_LOG_AT(KOVA_LOG_ERROR, Traits::kNames.register_cb, "failed to register app id(%s:%p)", app_id,
-                  address(cb));
+      KOVA_LOG_AT(KOVA_LOG_ERROR, Traits::kNames.register_cb, "failed to register app id(%s:%p)", app_id, address(cb));
       if (remove_record(app_id, cb, mine) == 0) drop_subscription(Traits::kNames.register_cb);
       return -1;
     }
@@ -217,9 +216,9 @@ class AppRegistry {
       remove_record(app_id, cb, mine);
       return -1;
     }
-    unsigned int id = g_dbus_connection_signal_subscribe(c, nullptr, KOVA_DBUS_INTERFACE, Traits::kSignal,
-                                                         KOVA_DBUS_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-                                                         Traits::kHandler, nullptr, nullptr);
+    unsigned int id =
+        g_dbus_connection_signal_subscribe(c, nullptr, KOVA_DBUS_INTERFACE, Traits::kSignal, KOVA_DBUS_PATH, nullptr,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, Traits::kHandler, nullptr, nullptr);
     g_object_unref(c);
     if (id == 0) {
       remove_record(app_id, cb, mine);

@@ -18,8 +18,8 @@ struct rez_change_cb {
   void *user_data;
 };
 
-void onRezChanged(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal,
-                  GVariant *params, gpointer) noexcept;
+void onRezChanged(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal, GVariant *params,
+                  gpointer) noexcept;
 void onMaxRezChanged(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal,
                      GVariant *params, gpointer) noexcept;
 
@@ -31,11 +31,13 @@ struct ResourceChange {
     kova_resource resource;
   };
 
-  static constexpr kova::RegistryNames kNames{
-      "_kova_register_resource_change_callback",        "_kova_unregister_resource_change_callback",
-      "_kova_add_resource_change_cb",                   "_kova_remove_resource_change_cb",
-      "_kova_register_resource_change_callback_app_id", "_kova_unregister_resource_change_callback_app_id",
-      "onRezChanged"};
+  static constexpr kova::RegistryNames kNames{"_kova_register_resource_change_callback",
+                                              "_kova_unregister_resource_change_callback",
+                                              "_kova_add_resource_change_cb",
+                                              "_kova_remove_resource_change_cb",
+                                              "_kova_register_resource_change_callback_app_id",
+                                              "_kova_unregister_resource_change_callback_app_id",
+                                              "onRezChanged"};
   static constexpr const char *kWhat = "resource";
   static constexpr const char *kRegisterMethod = "RscChangeRegId";
   static constexpr const char *kUnregisterMethod = "RscChangeUnRegId";
@@ -74,14 +76,13 @@ struct MaxResolutionChange {
     gint32 framerate;
   };
 
-  static constexpr kova::RegistryNames kNames{
-      "_kova_register_max_video_resolution_changed_callback",
-      "_kova_unregister_max_video_resolution_changed_callback",
-      "_kova_add_max_video_resolution_cb",
-      "_kova_remove_max_video_resolution_cb",
-      "_kova_register_max_video_resolution_changed_callback_app_id",
-      "_kova_unregister_max_video_resolution_changed_callback_app_id",
-      "onMaxRezChanged"};
+  static constexpr kova::RegistryNames kNames{"_kova_register_max_video_resolution_changed_callback",
+                                              "_kova_unregister_max_video_resolution_changed_callback",
+                                              "_kova_add_max_video_resolution_cb",
+                                              "_kova_remove_max_video_resolution_cb",
+                                              "_kova_register_max_video_resolution_changed_callback_app_id",
+                                              "_kova_unregister_max_video_resolution_changed_callback_app_id",
+                                              "onMaxRezChanged"};
   static constexpr const char *kWhat = "max resolution";
   static constexpr const char *kRegisterMethod = "MaxVideoRegId";
   static constexpr const char *kUnregisterMethod = "MaxVideoUnRegId";
@@ -96,8 +97,8 @@ struct MaxResolutionChange {
   static bool unpack(const char *signal, GVariant *params, Signal *out) {
     if (!kova::signal_params_are(kNames.handler, params, "(siii)", signal)) return false;
     g_variant_get(params, "(&siii)", &out->app_id, &out->width, &out->height, &out->framerate);
-    KOVA_LOG_AT(KOVA_LOG_INFO, kNames.handler, "signal (%s) received - (%s:%d:%d:%d)", signal, out->app_id,
-                out->width, out->height, out->framerate);
+    KOVA_LOG_AT(KOVA_LOG_INFO, kNames.handler, "signal (%s) received - (%s:%d:%d:%d)", signal, out->app_id, out->width,
+                out->height, out->framerate);
     return true;
   }
 
@@ -114,8 +115,8 @@ unsigned int rez_change_signal_id = 0;
 kova::AppRegistry<ResourceChange> rsc_change_cbs{rsc_change_signal_id};
 kova::AppRegistry<MaxResolutionChange> rez_change_cbs{rez_change_signal_id};
 
-void onRezChanged(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal,
-                  GVariant *params, gpointer) noexcept {
+void onRezChanged(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal, GVariant *params,
+                  gpointer) noexcept {
   rsc_change_cbs.dispatch(signal, params);
 }
 
@@ -128,8 +129,7 @@ void onMaxRezChanged(GDBusConnection *, const gchar *, const gchar *, const gcha
 
 extern "C" {
 
-int _kova_register_resource_change_callback(const char *app_id, kova_resource_change_cb cb,
-                                            void *user_data) noexcept {
+int _kova_register_resource_change_callback(const char *app_id, kova_resource_change_cb cb, void *user_data) noexcept {
   return rsc_change_cbs.register_callback(app_id, cb, user_data);
 }
 

@@ -283,8 +283,8 @@ TEST_P(RegistryTest, SignalsForNobodyAndMalformedSignalsCallNothing) {
   Sync();
   EXPECT_EQ(p.calls, 0);
   const std::string ignored = std::string("signal (") + R().signal + ") ignored, unexpected type (";
-  EXPECT_THAT(doubles::Messages(), ElementsAre(Received("app.other"), ignored + "(s))", ignored + "(iiii))",
-                                               ignored + "())"));
+  EXPECT_THAT(doubles::Messages(),
+              ElementsAre(Received("app.other"), ignored + "(s))", ignored + "(iiii))", ignored + "())"));
   EXPECT_EQ(doubles::CountLogPrefix(ignored, doubles::kError), 3);
   EXPECT_EQ(R().unreg("app.s"), 0);
 }
@@ -310,11 +310,11 @@ TEST_P(RegistryTest, SignalWhileTheMapIsEmptyLogsEmptyList) {
 // A registration waits for the service while this thread changes the map.
 struct InFlight {
   const char *name;
-  bool first_registered;    // app.first holds the subscription beforehand
-  Answer answer;            // to app.late's registration
-  const char *unregistered; // meanwhile
-  int result;               // of app.late's registration
-  bool late_registered;     // afterwards
+  bool first_registered;     // app.first holds the subscription beforehand
+  Answer answer;             // to app.late's registration
+  const char *unregistered;  // meanwhile
+  int result;                // of app.late's registration
+  bool late_registered;      // afterwards
 };
 
 TEST_P(RegistryTest, RegistrationInFlightWhileTheMapChanges) {
@@ -354,7 +354,7 @@ TEST_P(RegistryTest, CallbackMayUnregisterItsOwnIdAndRegisterAnother) {
   Probe late{"app.late"};
   Probe p{"app.self"};
   p.during = [&](const char *app_id) {
-    EXPECT_EQ(R().unreg(app_id), 0);  // empties the map: the subscription goes
+    EXPECT_EQ(R().unreg(app_id), 0);           // empties the map: the subscription goes
     EXPECT_EQ(R().reg("app.late", &late), 0);  // and comes back
   };
   ASSERT_EQ(R().reg("app.self", &p), 0);
