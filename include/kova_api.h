@@ -147,6 +147,130 @@ KOVA_API int kova_get_extspk_info_audio_out(const char *name, kova_audio_out_e *
  * Resource notifications and capabilities
  * ====================================================================== */
 
+/* What the service reports when the resources granted to an application
+ * change. Handed to a kova_resource_change_cb for the duration of the call
+ * only: do not keep the pointer. Note the order: height comes before width. */
+typedef struct kova_resource {
+  int max_resolution_changed; /* non-zero: the maximum video resolution changed */
+  int audio_out_changed;      /* non-zero: the audio output changed */
+  int height;                 /* maximum video height */
+  int width;                  /* maximum video width */
+  int framerate;              /* maximum video frame rate */
+} kova_resource;
+
+/* Resource-change callback. app_id is the id carried by the service's signal
+ * and resource the reported change; both are valid only during the call.
+ * user_data is the pointer given at registration. */
+typedef void (*kova_resource_change_cb)(const char *app_id, kova_resource *resource, void *user_data);
+
+/* Maximum-resolution callback: the new maximum width, height and frame rate
+ * for app_id (valid only during the call). */
+typedef void (*max_resolution_change_cb)(const char *app_id, int width, int height, int framerate,
+                                         void *user_data);
+
+/* Registers callback for changes of the resources granted to app_id and tells
+ * the service (synchronous call). One callback per application id: a second
+ * registration of the same id fails and the first stays in force. The service
+ * signal is subscribed on the first registration; the callback then runs on
+ * the thread iterating the thread-default main context of the thread that made
+ * that first registration.
+ * app_id: must not be null (copied); callback: must not be null; user_data:
+ * may be null, given back unchanged and never sent to the service.
+ * Returns 0 when registered; -1 for a null argument ("invalid param"), an id
+ * already registered, a failed call, a negative answer of the service or a
+ * failed subscription, in which cases nothing stays registered. */
+KOVA_API int kova_register_resource_change_callback(const char *app_id, kova_resource_change_cb callback,
+                                                    void *user_data) KOVA_NOTHROW;
+
+/* Unregisters app_id and tells the service. Only the application id is
+ * matched; callback is only sent to the service and logged. The subscription
+ * is dropped with the last registration. A callback may unregister (or
+ * register) applications from inside its own call; a callback that another
+ * thread unregisters while it is being delivered may still complete that one
+ * call.
+ * Returns 0 when app_id was registered (also when the service then answers
+ * negatively); -1 for a null argument, an id not registered, or when the
+ * subscription could not be dropped for lack of a bus connection. */
+KOVA_API int kova_unregister_resource_change_callback(const char *app_id,
+                                                      kova_resource_change_cb callback) KOVA_NOTHROW;
+
+/* Accessors of a kova_resource. The two predicates return true for any
+ * non-zero field and false (with "invalid param") for a null record. */
+KOVA_API bool kova_rsc_max_resolution_changed(const kova_resource *resource) KOVA_NOTHROW;
+KOVA_API bool kova_rsc_audio_out_changed(const kova_resource *resource) KOVA_NOTHROW;
+
+/* Writes the record's width, height and frame rate to the three outputs and
+ * returns 0; -1 with "invalid param" when any of the four pointers is null,
+ * leaving the outputs untouched. */
+KOVA_API int kova_rsc_get_video_max_resolution(const kova_resource *resource, int *width, int *height,
+                                               int *framerate) KOVA_NOTHROW;
+
+/* The same registry shape for maximum-resolution changes of one application
+ * (signal "MaxRezChanged"); arguments, results and threading as for
+ * kova_register_resource_change_callback and
+ * kova_unregister_resource_change_callback. Independent of the
+ * resource-change registry: an id may be registered in both. */
+KOVA_API int kova_register_max_video_resolution_changed_callback(const char *app_id,
+                                                                 max_resolution_change_cb callback,
+                                                                 void *user_data) KOVA_NOTHROW;
+KOVA_API int kova_unregister_max_video_resolution_changed_callback(const char *app_id,
+                                                                   max_resolution_change_cb callback) KOVA_NOTHROW;
+
+/* Other names of the two functions above, sharing their registry. */
+KOVA_API int kova_subscribe_max_video_resolution_changed(const char *app_id, max_resolution_change_cb callback,
+                                                         void *user_data) KOVA_NOTHROW;
+KOVA_API int kova_unsubscribe_max_video_resolution_changed(const char *app_id,
+                                                           max_resolution_change_cb callback) KOVA_NOTHROW;
+
+/* Resource policies known to the service. The values are the service's and
+ * are sent unchanged; values not listed here are sent as they are too. */
+typedef enum {
+  KOVA_RSC_POLICY_DEFAULT = 0,   /* no particular policy */
+  KOVA_RSC_POLICY_MULTIVIEW = 1, /* several applications share the screen */
+  KOVA_RSC_POLICY_GAME = 2,      /* low-latency play */
+  KOVA_RSC_POLICY_FORCE_INT = 0x7FFFFFFF, /* keeps every non-negative int valid in C++ */
+} kova_rsc_policy_e;
+
+/* Video codecs, sent unchanged like kova_rsc_policy_e. */
+typedef enum {
+  KOVA_VIDEO_CODEC_H264 = 0,
+  KOVA_VIDEO_CODEC_HEVC = 1,
+  KOVA_VIDEO_CODEC_VP9 = 2,
+  KOVA_VIDEO_CODEC_AV1 = 3,
+  KOVA_VIDEO_CODEC_FORCE_INT = 0x7FFFFFFF, /* keeps every non-negative int valid in C++ */
+} kova_video_codec_e;
+
+/* Asks the service for the maximum video resolution it allows app_id and
+ * writes width, height and frame rate as the service gives them (no range
+ * check). app_id and the three outputs must not be null ("invalid param", -1,
+ * nothing sent). Returns 0, or -1 when the call fails, leaving the outputs
+ * untouched. */
+KOVA_API int kova_get_max_video_resolution(const char *app_id, int *width, int *height,
+                                           int *framerate) KOVA_NOTHROW;
+
+/* The same call as kova_get_max_video_resolution under another name. */
+KOVA_API int kova_get_allowed_max_video_resolution(const char *app_id, int *width, int *height,
+                                                   int *framerate) KOVA_NOTHROW;
+
+/* Asks the service for the maximum video resolution that policy allows for
+ * codec; both are sent unchanged. The outputs are checked in the order width,
+ * height, frame rate; the first null one is reported ("invalid width",
+ * "invalid height", "invalid framerate") with -1 and nothing is sent.
+ * Returns 0, or -1 when the call fails, leaving the outputs untouched. */
+KOVA_API int kova_policy_get_max_resolution(kova_rsc_policy_e policy, kova_video_codec_e codec, int *width,
+                                            int *height, int *framerate) KOVA_NOTHROW;
+
+/* Returns the resource category player_id of app_id should use for category:
+ * category itself, or the category the service answers (any value, returned
+ * as it came) when the platform's category and model information says the
+ * service has to decide. Categories the platform does not know as a video or
+ * audio decoder, audio output, video scaler or MJPEG decoder come back
+ * unchanged, as does every category while the service is not ready.
+ * app_id: may be null; a null (or non-UTF-8) app_id or a category of 0 is
+ * invalid: the result is then category while no resource policy is active and
+ * -4 while one is. Returns -1 when the service was asked and the call failed. */
+KOVA_API int kova_get_capable_category_id(int player_id, const char *app_id, int category) KOVA_NOTHROW;
+
 /* ======================================================================
  * Resource policy
  * ====================================================================== */

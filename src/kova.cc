@@ -82,6 +82,106 @@ int kova_unregister_player_audio_resync_request_callback(unsigned int id) noexce
 
 /* ---- Resource notifications and capabilities ---- */
 
+int kova_register_resource_change_callback(const char *app_id, kova_resource_change_cb callback,
+                                           void *user_data) noexcept {
+  if (!kova::valid_string(app_id) || callback == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_register_resource_change_callback(app_id, callback, user_data);
+}
+
+int kova_unregister_resource_change_callback(const char *app_id, kova_resource_change_cb callback) noexcept {
+  if (!kova::valid_string(app_id) || callback == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_unregister_resource_change_callback(app_id, callback);
+}
+
+bool kova_rsc_max_resolution_changed(const kova_resource *resource) noexcept {
+  if (resource == nullptr) {
+    KOVA_LOGE("invalid param");
+    return false;
+  }
+  return resource->max_resolution_changed != 0;
+}
+
+bool kova_rsc_audio_out_changed(const kova_resource *resource) noexcept {
+  if (resource == nullptr) {
+    KOVA_LOGE("invalid param");
+    return false;
+  }
+  return resource->audio_out_changed != 0;
+}
+
+int kova_rsc_get_video_max_resolution(const kova_resource *resource, int *width, int *height,
+                                      int *framerate) noexcept {
+  if (resource == nullptr || width == nullptr || height == nullptr || framerate == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  *width = resource->width;
+  *height = resource->height;
+  *framerate = resource->framerate;
+  return 0;
+}
+
+int kova_register_max_video_resolution_changed_callback(const char *app_id, max_resolution_change_cb callback,
+                                                        void *user_data) noexcept {
+  if (!kova::valid_string(app_id) || callback == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_register_max_video_resolution_changed_callback(app_id, callback, user_data);
+}
+
+int kova_unregister_max_video_resolution_changed_callback(const char *app_id,
+                                                          max_resolution_change_cb callback) noexcept {
+  if (!kova::valid_string(app_id) || callback == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_unregister_max_video_resolution_changed_callback(app_id, callback);
+}
+
+int kova_get_max_video_resolution(const char *app_id, int *width, int *height, int *framerate) noexcept {
+  if (!kova::valid_string(app_id) || width == nullptr || height == nullptr || framerate == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_get_max_video_resolution(app_id, width, height, framerate);
+}
+
+int kova_policy_get_max_resolution(kova_rsc_policy_e policy, kova_video_codec_e codec, int *width, int *height,
+                                   int *framerate) noexcept {
+  if (width == nullptr) {
+    KOVA_LOGE("invalid width");
+    return -1;
+  }
+  if (height == nullptr) {
+    KOVA_LOGE("invalid height");
+    return -1;
+  }
+  if (framerate == nullptr) {
+    KOVA_LOGE("invalid framerate");
+    return -1;
+  }
+  return _kova_policy_get_max_resolution(policy, codec, width, height, framerate);
+}
+
+int kova_get_capable_category_id(int player_id, const char *app_id, int category) noexcept {
+  KOVA_LOGI("player_id(%d), app_id(%s), category(%d)", player_id, app_id ? app_id : "null", category);
+  // A string the bus cannot carry counts as no application id.
+  if (kova::valid_string(app_id) && category != 0) {
+    if (!_kova_is_supported_category(category)) return category;
+    return _kova_get_capable_category_id(player_id, app_id, category);
+  }
+  bool normal = _kova_is_normal_mode();
+  KOVA_LOGE("invalid param (%d:%d)", normal ? 1 : 0, category);
+  return normal ? category : -4;
+}
+
 /* ---- Resource policy ---- */
 
 }  // extern "C"

@@ -5,6 +5,7 @@
 
 #include <gio/gio.h>
 #include <stdint.h>
+#include <time.h>
 
 #include "kova_api.h"
 #include "marlo.h"
@@ -86,6 +87,36 @@ unsigned int _kova_register_player_audio_resync_request_callback(kova_player_aud
 int _kova_extspk_info_register(const char *name, int value) noexcept;
 int _kova_extspk_info_unregister(const char *name, int value) noexcept;
 int _kova_get_extspk_info_audio_out(const char *name) noexcept;
+
+// Resource notifications and capabilities.
+int _kova_register_resource_change_callback(const char *app_id, kova_resource_change_cb cb,
+                                            void *user_data) noexcept;
+int _kova_unregister_resource_change_callback(const char *app_id, kova_resource_change_cb cb) noexcept;
+int _kova_add_resource_change_cb(const char *app_id, kova_resource_change_cb cb, void *user_data) noexcept;
+int _kova_remove_resource_change_cb(const char *app_id, kova_resource_change_cb cb) noexcept;
+int _kova_register_resource_change_callback_app_id(const char *app_id, void *cb) noexcept;
+int _kova_unregister_resource_change_callback_app_id(const char *app_id, void *cb) noexcept;
+int _kova_register_max_video_resolution_changed_callback(const char *app_id, max_resolution_change_cb cb,
+                                                         void *user_data) noexcept;
+int _kova_unregister_max_video_resolution_changed_callback(const char *app_id, max_resolution_change_cb cb) noexcept;
+int _kova_add_max_video_resolution_cb(const char *app_id, max_resolution_change_cb cb, void *user_data) noexcept;
+int _kova_remove_max_video_resolution_cb(const char *app_id, max_resolution_change_cb cb) noexcept;
+int _kova_register_max_video_resolution_changed_callback_app_id(const char *app_id, void *cb) noexcept;
+int _kova_unregister_max_video_resolution_changed_callback_app_id(const char *app_id, void *cb) noexcept;
+int _kova_get_max_video_resolution(const char *app_id, int *width, int *height, int *framerate) noexcept;
+int _kova_policy_get_max_resolution(kova_rsc_policy_e policy, kova_video_codec_e codec, int *width, int *height,
+                                    int *framerate) noexcept;
+int _kova_get_capable_category_id(int player_id, const char *app_id, int category) noexcept;
+bool _kova_is_supported_category(int category) noexcept;
+bool _kova_is_audio_category(int category) noexcept;
+
+// Test seam of the monotonic clock read by the capable-category lookup. The
+// library only references it, weakly, and defines and exports nothing for it:
+// normally it stays unresolved and the lookup calls
+// clock_gettime(CLOCK_MONOTONIC). A test executable that defines and exports
+// it (as it does the platform doubles) takes the clock's place, with
+// clock_gettime's contract.
+int _kova_monotonic_clock_hook(struct timespec *ts);
 }
 
 namespace kova {

@@ -129,6 +129,7 @@ FakeKova::FakeKova(const std::string &address) : address_(address) {
 }
 
 FakeKova::~FakeKova() {
+  for (auto &held : held_) g_object_unref(held.first);  // never answered
   if (connection_ != nullptr) {
     g_dbus_connection_remove_filter(connection_, filter_id_);
     g_dbus_connection_close_sync(connection_, nullptr, nullptr);
@@ -165,6 +166,24 @@ void FakeKova::Set(const std::string &method, Answer answer) {
 void FakeKova::SetHandler(const std::string &method, Handler handler) {
   std::lock_guard<std::mutex> lock(mutex_);
   handlers_[method] = std::move(handler);
+}
+
+void FakeKova::Hold(const std::string &method) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  held_methods_.insert(method);
+}
+
+void FakeKova::ReleaseHeld() {
+  std::vector<std::pair<GDBusMessage *, Answer>> held;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_methods_.clear();
+    held.swap(held_);
+  }
+  for (auto &[message, answer] : held) {
+    Answer_(message, answer);
+    g_object_unref(message);
+  }
 }
 
 std::vector<Call> FakeKova::Calls() const {
@@ -245,7 +264,15 @@ GDBusMessage *FakeKova::Filter(GDBusConnection *, GDBusMessage *message, gboolea
   }
   self->cv_.notify_all();
   Answer answer = handler ? handler(call) : Answer::UnknownMethod();
-  if (!call.no_reply_expected) self->Answer_(message, answer);
+  if (!call.no_reply_expected) {
+    std::unique_lock<std::mutex> lock(self->mutex_);
+    if (self->held_methods_.count(call.method) != 0) {
+      self->held_.emplace_back(static_cast<GDBusMessage *>(g_object_ref(message)), answer);
+    } else {
+      lock.unlock();
+      self->Answer_(message, answer);
+    }
+  }
   g_object_unref(message);
   return nullptr;
 }

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -92,6 +93,14 @@ class FakeKova {
   void SetInt(const std::string &method, int value) { Set(method, Answer::Int(value)); }
   void SetHandler(const std::string &method, Handler handler);
 
+  // Calls to method are recorded but their answers are held back until
+  // ReleaseHeld(), so that a test can act while the caller waits for the
+  // service (a handler must not block: it runs on GDBus's shared worker).
+  void Hold(const std::string &method);
+  // Sends the held answers (as scripted when each call arrived) and stops
+  // holding.
+  void ReleaseHeld();
+
   std::vector<Call> Calls() const;
   std::vector<Call> CallsTo(const std::string &method) const;
   size_t CallCount() const;
@@ -130,6 +139,8 @@ class FakeKova {
   std::vector<Call> calls_;
   std::vector<std::string> violations_;
   std::map<std::string, Handler> handlers_;
+  std::set<std::string> held_methods_;
+  std::vector<std::pair<GDBusMessage *, Answer>> held_;
 };
 
 }  // namespace kova_test
