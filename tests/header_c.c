@@ -32,5 +32,32 @@ const any_fn kova_c_api_table[] = {
     /* zones and focus */
     /* resource notifications and capabilities */
     /* resource policy */
+    (any_fn)kova_app_list_create_new,
+    (any_fn)kova_app_list_create_new_app,
+    (any_fn)kova_app_list_insert_app,
+    (any_fn)kova_app_list_add,
+    (any_fn)kova_app_list_free,
+    (any_fn)kova_app_list_get_count,
+    (any_fn)kova_app_list_get_first,
+    (any_fn)kova_app_list_get_next,
+    (any_fn)kova_app_list_get_prev,
+    (any_fn)kova_app_set_priority_video,
+    (any_fn)kova_app_set_priority_audio,
+    (any_fn)kova_app_get_app_id,
+    (any_fn)kova_app_get_zone_id,
+    (any_fn)kova_policy_info_create_new,
+    (any_fn)kova_policy_info_set_app_list,
+    (any_fn)kova_policy_info_set_option_remove_all_current_apps,
+    (any_fn)kova_policy_info_get_app_list,
+    (any_fn)kova_policy_info_get_policy,
+    (any_fn)kova_policy_info_free,
+    (any_fn)kova_set_resource_policy,
+    (any_fn)kova_set_resource_policy_internal,
+    (any_fn)kova_set_resource_policy_app_zone_info,
+    (any_fn)kova_set_pre_assigned_app_list,
+    (any_fn)kova_register_app_list,
+    (any_fn)kova_unregister_app_list,
+    (any_fn)kova_register_resource_policy_changed_callback,
+    (any_fn)kova_unregister_resource_policy_changed_callback,
 };
 const size_t kova_c_api_count = sizeof kova_c_api_table / sizeof kova_c_api_table[0];
