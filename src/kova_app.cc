@@ -67,8 +67,9 @@ GVariant *app_zone_array(kova_app_list_h list) noexcept {
 }
 
 GVariant *app_id_array(kova_app_list_h list) noexcept {
-  return walk_into_array(list, "a(s)",
-                         [](GVariantBuilder *b, const kova_app *, const char *id) { g_variant_builder_add(b, "(s)", id); });
+  return walk_into_array(list, "a(s)", [](GVariantBuilder *b, const kova_app *, const char *id) {
+    g_variant_builder_add(b, "(s)", id);
+  });
 }
 
 }  // namespace kova

@@ -31,12 +31,6 @@ int CountFrom(const std::string &func, const std::string &message, int priority)
   return n;
 }
 
-struct AppSpec {
-  const char *id;
-  int video;
-  int audio;
-};
-
 class PolicyTest : public KovaTest {};
 
 // Record-only checks need no service.
@@ -115,13 +109,9 @@ TEST_F(PolicyTest, RecordGoesWithOwnerUntilItsListHoldsAnApplication) {
   EXPECT_EQ(kova_set_resource_policy(3, info), 0);
   Call call = LastCall("SetResourcePolicyWithOwner");
   EXPECT_EQ(call.signature, "(iiisi)");
-  EXPECT_EQ(call.args.text(), "(" + std::to_string(call.args.i32(0)) + ", 3, " + std::to_string(kPid) + ", 'O', 0)");
+  EXPECT_EQ(call.args.text(),
+            "(" + std::to_string(call.args.i32(0)) + ", 3, " + std::to_string(kPid) + ", 'O', 0)");
   EXPECT_FALSE(call.no_reply_expected);
-  EXPECT_EQ(CountFrom("_kova_set_resource_policy_without_applist",
-                      "[" + Hex(call.args.i32(0)) + "] SetResourcePolicyWithOwner success, result (0)", doubles::kInfo),
-            1);
-  EXPECT_THAT(doubles::Timeline(),
-              ElementsAre("set 0 kova 2000", "call SetResourcePolicyWithOwner", "clear 0 kova"));
 
   // An empty list and the option change nothing in the choice.
   kova_app_list_h list = kova_app_list_create_new();
@@ -144,18 +134,11 @@ TEST_F(PolicyTest, RecordGoesWithOwnerUntilItsListHoldsAnApplication) {
   // A(1, 2) and B(0, 5).
   kova_app_list_add(list, 6, "B");
   kova_app_set_priority_audio(static_cast<kova_app *>(list->list->next->data), 5);
-  doubles::ClearLogs();
   EXPECT_EQ(kova_set_resource_policy(3, info), 0);
   call = LastCall("SetResourcePolicyWithAppList");
   EXPECT_EQ(call.signature, "(iiisiia(sii))");
-  const int cmd = call.args.i32(0);
-  EXPECT_EQ(call.args.text(),
-            "(" + std::to_string(cmd) + ", 3, " + std::to_string(kPid) + ", 'O', 1, 2, [('A', 1, 2), ('B', 0, 5)])");
-  EXPECT_EQ(CountFrom("_kova_set_resource_policy_with_applist",
-                      "[" + Hex(cmd) + "] SetResourcePolicyWithAppList success, result (0)", doubles::kInfo),
-            1);
-  EXPECT_EQ(CountFrom("kova_app_list_get_next", "no next app", doubles::kError), 1);
-  EXPECT_EQ(list->iter->next, nullptr);  // the walk ends on the last application
+  EXPECT_EQ(call.args.text(), "(" + std::to_string(call.args.i32(0)) + ", 3, " + std::to_string(kPid) +
+                                  ", 'O', 1, 2, [('A', 1, 2), ('B', 0, 5)])");
   EXPECT_EQ(kova_policy_info_get_policy(info), 0);
   EXPECT_EQ(service().CallsTo("SetResourcePolicyWithOwner").size(), 2u);
   kova_policy_info_free(info);
@@ -175,61 +158,65 @@ TEST_F(PolicyTest, InternalPolicyTravelsUnsigned) {
   EXPECT_EQ(CountFrom("kova_set_resource_policy_internal", ">>", doubles::kInfo), 1);
 }
 
-TEST_F(PolicyTest, ZoneListsPutTheZoneBeforeTheApplication) {
-  service().SetInt("SetResourcePolicyAppToZone", 0);
-  service().SetInt("SetPreAssignedAppList", 0);
-  kova_app_list_h list = kova_app_list_create_new();
-  kova_app_list_add(list, 1, "A");
-  kova_app_list_add(list, 2, "B");
-  kova_app *c = kova_app_list_create_new_app("C");
-  kova_app_set_priority_video(c, 9);
-  kova_app_list_insert_app(list, c);
-
-  EXPECT_EQ(kova_set_resource_policy_app_zone_info(4, list), 0);
-  Call call = LastCall("SetResourcePolicyAppToZone");
-  EXPECT_EQ(call.signature, "(iiiia(is))");
-  EXPECT_EQ(call.args.text(), "(" + std::to_string(call.args.i32(0)) + ", 4, " + std::to_string(kPid) +
-                                  ", 3, [(1, 'A'), (2, 'B'), (0, 'C')])");
-
-  EXPECT_EQ(kova_set_pre_assigned_app_list(list), 0);
-  call = LastCall("SetPreAssignedAppList");
-  EXPECT_EQ(call.signature, "(ia(is))");
-  EXPECT_EQ(call.args.text(), "(" + std::to_string(call.args.i32(0)) + ", [(1, 'A'), (2, 'B'), (0, 'C')])");
-  EXPECT_EQ(doubles::CountLog("no next app", doubles::kError), 2);
-  kova_app_list_free(list);
-}
-
-TEST_F(PolicyTest, EmptyListsAreSentWithAnEmptyArray) {
-  for (const char *method :
-       {"SetResourcePolicyAppToZone", "SetPreAssignedAppList", "RegisterAppList", "UnregisterAppList"}) {
-    service().SetInt(method, 0);
-  }
-  kova_app_list_h list = kova_app_list_create_new();
-  EXPECT_EQ(kova_set_resource_policy_app_zone_info(2, list), 0);
-  EXPECT_EQ(kova_set_pre_assigned_app_list(list), 0);
-  EXPECT_EQ(kova_register_app_list(8, list), 0);
-  EXPECT_EQ(kova_unregister_app_list(8, list), 0);
-  EXPECT_EQ(CountFrom("kova_app_list_get_first", "invalid list", doubles::kError), 4);
-  EXPECT_EQ(doubles::CountLog("no next app"), 0);
-
-  struct Expect {
+// The list-carrying sends: zone before application id in "a(is)", application
+// id first in "a(sii)"; an empty list goes out as an empty array.
+TEST_F(PolicyTest, ListSendsCarryTheirArrays) {
+  struct ListSend {
     const char *method;
+    int (*send)(kova_app_list_h);
     const char *signature;
-    size_t array;  // index of the array; the element before it is the count where there is one
-    bool has_count;
+    const char *full;  // after "(<cmd>, "; %p stands for the pid
+    const char *empty;
   };
-  for (const Expect &e : {Expect{"SetResourcePolicyAppToZone", "(iiiia(is))", 4, true},
-                          Expect{"SetPreAssignedAppList", "(ia(is))", 1, false},
-                          Expect{"RegisterAppList", "(iiia(sii))", 3, true},
-                          Expect{"UnregisterAppList", "(iiia(s))", 3, true}}) {
-    Call call = LastCall(e.method);
-    EXPECT_EQ(call.signature, e.signature) << e.method;
-    EXPECT_EQ(g_variant_n_children(call.args.child(e.array).get()), 0u) << e.method;
-    if (e.has_count) {
-      EXPECT_EQ(call.args.i32(e.array - 1), 0) << e.method;
-    }
+  const ListSend sends[] = {
+      {"SetResourcePolicyAppToZone",
+       [](kova_app_list_h l) { return kova_set_resource_policy_app_zone_info(4, l); }, "(iiiia(is))",
+       "4, %p, 3, [(1, 'A'), (2, 'B'), (0, 'C')])", "4, %p, 0, [])"},
+      {"SetPreAssignedAppList", kova_set_pre_assigned_app_list, "(ia(is))", "[(1, 'A'), (2, 'B'), (0, 'C')])",
+       "[])"},
+      {"RegisterAppList", [](kova_app_list_h l) { return kova_register_app_list(7, l); }, "(iiia(sii))",
+       "7, 3, [('A', 1, 2), ('B', 3, 4), ('C', 0, 0)])", "7, 0, [])"},
+      {"UnregisterAppList", [](kova_app_list_h l) { return kova_unregister_app_list(-2, l); }, "(iiia(s))",
+       "-2, 3, [('A',), ('B',), ('C',)])", "-2, 0, [])"},
+  };
+  // A and B placed by kova_app_list_add, C made alone (zone 0).
+  kova_app_list_h full = kova_app_list_create_new();
+  kova_app_list_add(full, 1, "A");
+  kova_app_list_add(full, 2, "B");
+  kova_app_list_insert_app(full, kova_app_list_create_new_app("C"));
+  int priority = 1;
+  for (kova_app *app = kova_app_list_get_first(full); app != nullptr && app->zone_id != 0;
+       app = kova_app_list_get_next(full)) {
+    kova_app_set_priority_video(app, priority++);
+    kova_app_set_priority_audio(app, priority++);
   }
-  kova_app_list_free(list);
+  kova_app_list_h empty = kova_app_list_create_new();
+  const auto expected = [](const Call &call, std::string tail) {
+    const size_t at = tail.find("%p");
+    if (at != std::string::npos) tail.replace(at, 2, std::to_string(kPid));
+    return "(" + std::to_string(call.args.i32(0)) + ", " + tail;
+  };
+  for (const ListSend &s : sends) {
+    service().SetInt(s.method, 0);
+    doubles::ClearLogs();
+    EXPECT_EQ(s.send(full), 0) << s.method;
+    ASSERT_EQ(service().CallsTo(s.method).size(), 1u) << s.method;
+    Call call = LastCall(s.method);
+    EXPECT_EQ(call.signature, s.signature);
+    EXPECT_FALSE(call.no_reply_expected);
+    EXPECT_EQ(call.args.text(), expected(call, s.full)) << s.method;
+    EXPECT_EQ(CountFrom("kova_app_list_get_next", "no next app", doubles::kError), 1) << s.method;
+    EXPECT_EQ(full->iter->next, nullptr) << s.method;  // the walk ends on the last application
+
+    doubles::ClearLogs();
+    EXPECT_EQ(s.send(empty), 0) << s.method;
+    call = LastCall(s.method);
+    EXPECT_EQ(call.args.text(), expected(call, s.empty)) << s.method;
+    EXPECT_EQ(CountFrom("kova_app_list_get_first", "invalid list", doubles::kError), 1) << s.method;
+    EXPECT_EQ(doubles::CountLog("no next app"), 0) << s.method;
+  }
+  kova_app_list_free(full);
+  kova_app_list_free(empty);
 }
 
 // Every send maps the service's answer the same way: 0 stays 0, any other
@@ -238,46 +225,41 @@ TEST_F(PolicyTest, EmptyListsAreSentWithAnEmptyArray) {
 struct Send {
   const char *method;
   const char *func;  // function that writes the result lines
+  bool walks;        // sends a list, so the walk ends with "no next app"
   std::function<int(kova_app_list_h, kova_policy_info *)> send;
-  std::string success;  // after "[<cmd>] ", %d for the result
-  std::string failure;
-  bool walks;  // sends a list, so the walk ends with "no next app"
+  std::string Success(int result) const {
+    return func == std::string("_kova_set_resource_policy")
+               ? "_kova_dbus_method_call() success, method return value is (" + std::to_string(result) + ")"
+               : std::string(method) + " success, result (" + std::to_string(result) + ")";
+  }
+  std::string Failure() const {
+    return func == std::string("_kova_set_resource_policy")
+               ? "_kova_dbus_method_call() for SET_RESOURCE_POLICY is failed"
+               : std::string(method) + " failed";
+  }
 };
-
-std::string WithResult(const std::string &format, int result) {
-  const size_t at = format.find("%d");
-  return format.substr(0, at) + std::to_string(result) + format.substr(at + 2);
-}
 
 const std::vector<Send> &Sends() {
   static const std::vector<Send> sends = {
-      {"SetResourcePolicyWithOwner", "_kova_set_resource_policy_without_applist",
-       [](kova_app_list_h, kova_policy_info *info) { return kova_set_resource_policy(1, info); },
-       "SetResourcePolicyWithOwner success, result (%d)", "SetResourcePolicyWithOwner failed", false},
-      {"SetResourcePolicyWithAppList", "_kova_set_resource_policy_with_applist",
+      {"SetResourcePolicyWithOwner", "_kova_set_resource_policy_without_applist", false,
+       [](kova_app_list_h, kova_policy_info *info) { return kova_set_resource_policy(1, info); }},
+      {"SetResourcePolicyWithAppList", "_kova_set_resource_policy_with_applist", true,
        [](kova_app_list_h list, kova_policy_info *info) {
          kova_policy_info_set_app_list(info, list);
          const int r = kova_set_resource_policy(1, info);
          info->app_list = nullptr;  // the list stays the test's
          return r;
-       },
-       "SetResourcePolicyWithAppList success, result (%d)", "SetResourcePolicyWithAppList failed", true},
-      {"SetResourcePolicyInternal", "_kova_set_resource_policy",
-       [](kova_app_list_h, kova_policy_info *) { return kova_set_resource_policy_internal(1); },
-       "_kova_dbus_method_call() success, method return value is (%d)",
-       "_kova_dbus_method_call() for SET_RESOURCE_POLICY is failed", false},
-      {"SetResourcePolicyAppToZone", "_kova_set_resource_policy_app_zone_info",
-       [](kova_app_list_h list, kova_policy_info *) { return kova_set_resource_policy_app_zone_info(1, list); },
-       "SetResourcePolicyAppToZone success, result (%d)", "SetResourcePolicyAppToZone failed", true},
-      {"SetPreAssignedAppList", "_kova_set_pre_assigned_app_list",
-       [](kova_app_list_h list, kova_policy_info *) { return kova_set_pre_assigned_app_list(list); },
-       "SetPreAssignedAppList success, result (%d)", "SetPreAssignedAppList failed", true},
-      {"RegisterAppList", "kova_register_app_list",
-       [](kova_app_list_h list, kova_policy_info *) { return kova_register_app_list(1, list); },
-       "RegisterAppList success, result (%d)", "RegisterAppList failed", true},
-      {"UnregisterAppList", "kova_unregister_app_list",
-       [](kova_app_list_h list, kova_policy_info *) { return kova_unregister_app_list(1, list); },
-       "UnregisterAppList success, result (%d)", "UnregisterAppList failed", true},
+       }},
+      {"SetResourcePolicyInternal", "_kova_set_resource_policy", false,
+       [](kova_app_list_h, kova_policy_info *) { return kova_set_resource_policy_internal(1); }},
+      {"SetResourcePolicyAppToZone", "_kova_set_resource_policy_app_zone_info", true,
+       [](kova_app_list_h list, kova_policy_info *) { return kova_set_resource_policy_app_zone_info(1, list); }},
+      {"SetPreAssignedAppList", "_kova_set_pre_assigned_app_list", true,
+       [](kova_app_list_h list, kova_policy_info *) { return kova_set_pre_assigned_app_list(list); }},
+      {"RegisterAppList", "kova_register_app_list", true,
+       [](kova_app_list_h list, kova_policy_info *) { return kova_register_app_list(1, list); }},
+      {"UnregisterAppList", "kova_unregister_app_list", true,
+       [](kova_app_list_h list, kova_policy_info *) { return kova_unregister_app_list(1, list); }},
   };
   return sends;
 }
@@ -291,29 +273,26 @@ TEST_F(PolicyTest, EverySendCollapsesNonZeroResultsAndReportsFailures) {
       service().SetInt(s.method, result);
       doubles::ClearLogs();
       EXPECT_EQ(s.send(list, info), result == 0 ? 0 : -1) << s.method << " " << result;
+      ASSERT_FALSE(service().CallsTo(s.method).empty()) << s.method;
       const std::string cmd = "[" + Hex(LastCall(s.method).args.i32(0)) + "] ";
-      EXPECT_EQ(CountFrom(s.func, cmd + WithResult(s.success, result), doubles::kInfo), 1) << s.method;
-      EXPECT_EQ(doubles::CountLog("no next app", doubles::kError), s.walks ? 1 : 0) << s.method;
-      EXPECT_EQ(doubles::CountLogPrefix("", doubles::kError), s.walks ? 1 : 0)
-          << s.method;  // the walk's "no next app" where a list is sent
+      EXPECT_EQ(CountFrom(s.func, cmd + s.Success(result), doubles::kInfo), 1) << s.method;
+      // The only error line is the walk's "no next app", where a list is sent.
+      EXPECT_EQ(doubles::CountLogPrefix("", doubles::kError), s.walks ? 1 : 0) << s.method;
     }
-    struct Failure {
-      Answer answer;
-      const char *extra;  // a further error line, if any
-    };
-    for (const Failure &f :
-         {Failure{Answer::Error("org.zelta.Error.Failed", "no"), "Method Call '"},
-          Failure{Answer::Value(g_variant_new("(s)", "0")), nullptr}}) {
-      service().Set(s.method, f.answer);
+    // An error reply, then a reply of the wrong type: each has its own extra line.
+    const std::string error_line = std::string("Method Call '") + s.method + "' Failed";
+    const std::string type_line = std::string("(") + s.method + ") unexpected reply type ((s))";
+    for (const Answer &answer :
+         {Answer::Error("org.zelta.Error.Failed", "no"), Answer::Value(g_variant_new("(s)", "0"))}) {
+      service().Set(s.method, answer);
       doubles::ClearLogs();
       EXPECT_EQ(s.send(list, info), -1) << s.method;
       const std::string cmd = "[" + Hex(LastCall(s.method).args.i32(0)) + "] ";
-      EXPECT_EQ(CountFrom(s.func, cmd + s.failure, doubles::kError), 1) << s.method;
-      if (f.extra != nullptr) {
-        EXPECT_EQ(doubles::CountLogPrefix(std::string(f.extra) + s.method + "' Failed", doubles::kError), 1);
-      } else {
-        EXPECT_EQ(doubles::CountLog(cmd + "(" + s.method + ") unexpected reply type ((s))", doubles::kError), 1);
-      }
+      EXPECT_EQ(CountFrom(s.func, cmd + s.Failure(), doubles::kError), 1) << s.method;
+      EXPECT_EQ(doubles::CountLogPrefix(error_line, doubles::kError) +
+                    doubles::CountLog(cmd + type_line, doubles::kError),
+                1)
+          << s.method;
       EXPECT_EQ(doubles::CountLogPrefix(cmd, doubles::kInfo), 0) << s.method;  // no success line
     }
   }
@@ -334,32 +313,6 @@ TEST_F(PolicyTest, NullArgumentsSendNothing) {
   EXPECT_EQ(doubles::CountLogPrefix("", doubles::kError), 5);
   Sync();
   EXPECT_EQ(service().CallCount(), 0u);
-}
-
-// ---- List registration ----
-
-TEST_F(PolicyTest, ListRegistrationCarriesPrioritiesAndUnregistrationIdsOnly) {
-  service().SetInt("RegisterAppList", 0);
-  service().SetInt("UnregisterAppList", 0);
-  kova_app_list_h list = kova_app_list_create_new();
-  for (const AppSpec &a : {AppSpec{"A", 1, 2}, AppSpec{"B", 3, 4}}) {
-    kova_app *app = kova_app_list_create_new_app(a.id);
-    kova_app_set_priority_video(app, a.video);
-    kova_app_set_priority_audio(app, a.audio);
-    kova_app_list_insert_app(list, app);
-  }
-  EXPECT_EQ(kova_register_app_list(7, list), 0);
-  EXPECT_EQ(kova_unregister_app_list(-2, list), 0);
-  Call reg = LastCall("RegisterAppList");
-  EXPECT_EQ(reg.signature, "(iiia(sii))");
-  EXPECT_EQ(reg.args.text(), "(" + std::to_string(reg.args.i32(0)) + ", 7, 2, [('A', 1, 2), ('B', 3, 4)])");
-  Call unreg = LastCall("UnregisterAppList");
-  EXPECT_EQ(unreg.signature, "(iiia(s))");
-  EXPECT_EQ(unreg.args.text(), "(" + std::to_string(unreg.args.i32(0)) + ", -2, 2, [('A',), ('B',)])");
-  EXPECT_EQ(unreg.args.i32(0), reg.args.i32(0) + 1);
-  EXPECT_FALSE(reg.no_reply_expected);
-  EXPECT_EQ(doubles::CountLog("no next app", doubles::kError), 2);
-  kova_app_list_free(list);
 }
 
 // ---- Policy-change notification ----
