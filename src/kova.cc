@@ -184,4 +184,33 @@ int kova_get_capable_category_id(int player_id, const char *app_id, int category
 
 /* ---- Resource policy ---- */
 
+int kova_set_resource_policy(int policy, kova_policy_info *info) noexcept {
+  if (info == nullptr) {
+    KOVA_LOGE("invalid policy info");
+    return -1;
+  }
+  return _kova_set_resource_policy_with_info(policy, info);
+}
+
+int kova_set_resource_policy_internal(int policy) noexcept {
+  KOVA_LOGI(">>");
+  return _kova_set_resource_policy(policy);
+}
+
+int kova_set_resource_policy_app_zone_info(int policy, kova_app_list_h app_list) noexcept {
+  if (app_list == nullptr) {
+    KOVA_LOGE("invalid app_list");
+    return -1;
+  }
+  return _kova_set_resource_policy_app_zone_info(policy, app_list);
+}
+
+int kova_set_pre_assigned_app_list(kova_app_list_h app_list) noexcept {
+  if (app_list == nullptr) {
+    KOVA_LOGE("invalid app_list");
+    return -1;
+  }
+  return _kova_set_pre_assigned_app_list(app_list);
+}
+
 }  // extern "C"

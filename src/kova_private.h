@@ -117,6 +117,18 @@ bool _kova_is_audio_category(int category) noexcept;
 // it (as it does the platform doubles) takes the clock's place, with
 // clock_gettime's contract.
 int _kova_monotonic_clock_hook(struct timespec *ts);
+
+// Resource policy.
+void kova_app_free(kova_app *app) noexcept;  // element release of kova_app_list_free; not exported
+int _kova_set_resource_policy_with_info(int policy, kova_policy_info *info) noexcept;
+int _kova_set_resource_policy_without_applist(int policy, kova_policy_info *info) noexcept;
+int _kova_set_resource_policy_with_applist(int policy, kova_policy_info *info) noexcept;
+int _kova_set_resource_policy(int policy) noexcept;
+int _kova_set_resource_policy_app_zone_info(int policy, kova_app_list_h app_list) noexcept;
+int _kova_set_pre_assigned_app_list(kova_app_list_h app_list) noexcept;
+unsigned int _kova_register_resource_policy_changed_callback(kova_policy_changed_cb callback,
+                                                             void *user_data) noexcept;
+int _kova_unregister_resource_policy_changed_callback(unsigned int subscription_id) noexcept;
 }
 
 namespace kova {
@@ -153,6 +165,18 @@ bool signal_params_are(const char *func, GVariant *params, const char *type, con
 unsigned int register_signal_callback(const char *func, const char *signal, GDBusSignalCallback handler,
                                       GDestroyNotify free_func, void (*callback)(void),
                                       void *user_data) noexcept;
+
+// Application lists on the wire. Each walks the list from its first to its
+// last application (moving its walk position, with the walk's log lines) and
+// returns a floating array: "a(sii)" of (app id, video, audio priority),
+// "a(is)" of (zone, app id), or "a(s)" of app ids.
+GVariant *app_priority_array(kova_app_list_h list) noexcept;
+GVariant *app_zone_array(kova_app_list_h list) noexcept;
+GVariant *app_id_array(kova_app_list_h list) noexcept;
+
+// Sends a list-carrying tuple and maps the "(i)" reply: 0 for a service
+// result of 0, else -1. Logs "failed" / "success, result" on behalf of func.
+int send_policy_call(const char *func, int cmd, const char *method, GVariant *args) noexcept;
 
 }  // namespace kova
 
