@@ -211,6 +211,7 @@ class SimBusTest : public ::testing::Test {
     }
     GVariant *reply = g_dbus_connection_call_sync(conn ? conn : client_, kName, kPath, kIface, method, args, nullptr,
                                                   G_DBUS_CALL_FLAGS_NONE, kTimeoutMs, nullptr, &err);
+    g_variant_unref(args);  // g_variant_parse gives a full reference, which the call does not take
     if (reply == nullptr) {
       gchar *name = g_dbus_error_get_remote_error(err);
       std::string out = std::string("error: ") + (name ? name : err->message);
@@ -230,6 +231,7 @@ class SimBusTest : public ::testing::Test {
     ASSERT_NE(args, nullptr) << args_text;
     g_dbus_connection_call(client_, kName, kPath, kIface, method, args, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
                            nullptr, nullptr, nullptr);
+    g_variant_unref(args);
   }
 
   bool WaitForSignals(size_t n) {
@@ -469,6 +471,7 @@ TEST_F(SimBusTest, EveryMethodHasTheLibrarysSignatures) {
     GVariant *reply = g_dbus_connection_call_sync(client_, kName, kPath, kIface, c.name, args,
                                                   G_VARIANT_TYPE(no_reply ? "()" : c.out), G_DBUS_CALL_FLAGS_NONE,
                                                   kTimeoutMs, nullptr, &err);
+    g_variant_unref(args);
     EXPECT_NE(reply, nullptr) << err->message;
     if (reply != nullptr) g_variant_unref(reply);
     g_clear_error(&err);
