@@ -15,7 +15,12 @@ std::string Variant::text() const {
   return out;
 }
 
-Variant Variant::child(size_t i) const { return Variant(g_variant_get_child_value(v_, i)); }
+Variant Variant::child(size_t i) const {
+  // g_variant_get_child_value gives a full reference: adopt it, do not add one.
+  Variant c;
+  c.v_ = g_variant_get_child_value(v_, i);
+  return c;
+}
 int Variant::i32(size_t i) const { return g_variant_get_int32(child(i).get()); }
 unsigned int Variant::u32(size_t i) const { return g_variant_get_uint32(child(i).get()); }
 std::string Variant::str(size_t i) const { return g_variant_get_string(child(i).get(), nullptr); }
@@ -162,7 +167,7 @@ GDBusMessage *FakeKova::Filter(GDBusConnection *, GDBusMessage *message, gboolea
   const char *sig = g_dbus_message_get_signature(message);
   call.signature = std::string("(") + (sig ? sig : "") + ")";
   GVariant *body = g_dbus_message_get_body(message);
-  call.args = Variant(body ? g_variant_ref(body) : g_variant_new("()"));
+  call.args = Variant(body != nullptr ? body : g_variant_new("()"));  // Variant takes its own reference
   call.no_reply_expected = (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0;
   call.sender = g_dbus_message_get_sender(message) ? g_dbus_message_get_sender(message) : "";
   doubles::Note("call " + call.method);
