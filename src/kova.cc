@@ -80,6 +80,219 @@ int kova_unregister_player_audio_resync_request_callback(unsigned int id) noexce
 
 /* ---- Zones and focus ---- */
 
+int kova_get_zone_list(void **zone_list) noexcept {
+  if (zone_list == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -2;
+  }
+  KOVA_LOGI(">>");
+  return _kova_get_zone_list(zone_list);
+}
+
+int kova_get_multiview_zone_list(void **zone_list) noexcept {
+  if (zone_list == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -2;
+  }
+  KOVA_LOGI(">>");
+  return _kova_get_multiview_zone_list(zone_list);
+}
+
+int kova_get_next_zone(void *zone_list, kova_zone **zone) noexcept {
+  if (zone_list == nullptr || zone == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -2;
+  }
+  KOVA_LOGI(">>");
+  return _kova_get_next_zone(zone_list, zone);
+}
+
+int kova_get_prev_zone(void *zone_list, kova_zone **zone) noexcept {
+  if (zone_list == nullptr || zone == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  KOVA_LOGI(">>");
+  return _kova_get_prev_zone(zone_list, zone);
+}
+
+int kova_get_zone_id(kova_zone *zone, int *zone_id) noexcept {
+  if (zone == nullptr || zone_id == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  KOVA_LOGI(">>");
+  return _kova_get_zone_id(zone, zone_id);
+}
+
+int kova_zone_get_id(kova_zone *zone) noexcept {
+  if (zone == nullptr) {
+    KOVA_LOGE("invalid zone");
+    return -1;
+  }
+  return zone->id;
+}
+
+int kova_zone_get_scaler_id(kova_zone *zone) noexcept {
+  if (zone == nullptr) {
+    KOVA_LOGE("invalid zone");
+    return -1;
+  }
+  return zone->scaler_id;
+}
+
+const char *kova_zone_get_app_id(kova_zone *zone) noexcept {
+  if (zone == nullptr) {
+    KOVA_LOGE("invalid zone");
+    return nullptr;
+  }
+  KOVA_LOGI("(%s)", zone->app_id != nullptr ? zone->app_id : "empty");
+  return zone->app_id;
+}
+
+void kova_zone_free(kova_zone *zone) noexcept {
+  if (zone == nullptr) {
+    KOVA_LOGE("invalid zone");
+    return;
+  }
+  _kova_zone_free(zone);
+}
+
+int kova_free_zone_list(void *zone_list) noexcept {
+  if (zone_list == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -2;
+  }
+  KOVA_LOGI(">>");
+  return _kova_free_zone_list(zone_list);
+}
+
+int kova_set_app_zone_info(const char *app_id, int zone_id) noexcept {
+  if (!kova::valid_string(app_id)) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  KOVA_LOGI(">> (%s:%d)", app_id, zone_id);
+  return _kova_set_app_zone_info(app_id, zone_id);
+}
+
+int kova_remove_app_zone_info(const char *app_id, int zone_id) noexcept {
+  if (!kova::valid_string(app_id)) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_remove_app_zone_info(app_id, zone_id);
+}
+
+int kova_set_pre_assigned_app_zone_info(const char *app_id, int zone_id) noexcept {
+  if (!kova::valid_string(app_id)) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  KOVA_LOGI(">>");
+  return _kova_set_pre_assigned_app_zone_info(app_id, zone_id);
+}
+
+int kova_set_removable_app_zone_info(const char *app_id, int zone_id) noexcept {
+  if (!kova::valid_string(app_id)) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  KOVA_LOGI("(%d:%s)", zone_id, app_id);
+  return _kova_set_removable_app_zone_info(app_id, zone_id);
+}
+
+int kova_clear_removable_app_zone_info(void) noexcept {
+  KOVA_LOGI(">>");
+  return _kova_clear_removable_app_zone_info();
+}
+
+int kova_notify_layout_state(kova_layout_state_e state) noexcept { return _kova_notify_layout_state(state); }
+
+int kova_get_focused_zone(kova_zone **zone) noexcept {
+  if (zone == nullptr) {
+    KOVA_LOGE("invalid zone");
+    return -1;
+  }
+  return _kova_get_focused_zone(zone);
+}
+
+int kova_switch_best_quality_zone(int first, int second) noexcept {
+  if (first < 0 || second < 0) {
+    KOVA_LOGE("invalid param (%d:%d)", first, second);
+    return -1;
+  }
+  KOVA_LOGI(">> (%d:%d)", first, second);
+  return _kova_switch_best_quality_zone_info(first, second);
+}
+
+int kova_restore_best_quality_zone(void) noexcept { return _kova_restore_best_quality_zone(); }
+
+int kova_register_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback,
+                                                      void *user_data) noexcept {
+  KOVA_LOGI(">>");
+  // A null callback would only fail later, inside a dispatch.
+  if (callback == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_register_best_quality_zone_switched_callback(callback, user_data);
+}
+
+int kova_unregister_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback) noexcept {
+  KOVA_LOGI(">>");
+  return _kova_unregister_best_quality_zone_switched_callback(callback);
+}
+
+int kova_set_audio_focus(int focus) noexcept {
+  KOVA_LOGI(">>");
+  return _kova_set_audio_focus(focus);
+}
+
+int kova_get_audio_focus(int *focus) noexcept {
+  KOVA_LOGI(">>");
+  if (focus == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_get_audio_focus(focus);
+}
+
+int kova_get_last_audio_focus(int *focus) noexcept {
+  KOVA_LOGI(">>");
+  if (focus == nullptr) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  return _kova_get_last_audio_focus(focus);
+}
+
+int kova_is_audio_focused(const char *app_id) noexcept {
+  if (!kova::valid_string(app_id)) {
+    KOVA_LOGE("invalid param");
+    return -1;
+  }
+  KOVA_LOGI(">> (%s)", app_id);
+  return _kova_is_audio_focused(app_id);
+}
+
+unsigned int kova_register_audio_focus_changed_callback(kova_player_audio_request_cb callback,
+                                                        void *user_data) noexcept {
+  if (callback == nullptr) {
+    KOVA_LOGE("invalid param");
+    return 0;
+  }
+  return _kova_register_audio_focus_changed_callback(callback, user_data);
+}
+
+int kova_unregister_audio_focus_changed_callback(unsigned int id) noexcept {
+  if (id == 0) {
+    KOVA_LOGE("invalid param");
+    return 0;
+  }
+  return _kova_unregister_audio_focus_changed_callback(id);
+}
+
 /* ---- Resource notifications and capabilities ---- */
 
 int kova_register_resource_change_callback(const char *app_id, kova_resource_change_cb callback,

@@ -131,6 +131,59 @@ unsigned int _kova_register_resource_policy_changed_callback(kova_policy_changed
 int _kova_unregister_resource_policy_changed_callback(unsigned int subscription_id) noexcept;
 }
 
+// ---- Zones and focus ----
+
+// The record behind a zone list handle: the zones in reply order and the one
+// walk position (null before the first step).
+struct kova_zone_list {
+  int count;
+  GList *list;  // of kova_zone *
+  GList *iter;
+};
+
+extern "C" {
+int _kova_get_zone_list(void **zone_list) noexcept;
+int _kova_get_multiview_zone_list(void **zone_list) noexcept;
+int _kova_free_zone_list(void *zone_list) noexcept;
+int _kova_get_next_zone(void *zone_list, kova_zone **zone) noexcept;
+int _kova_get_prev_zone(void *zone_list, kova_zone **zone) noexcept;
+kova_zone *_kova_get_next_resource_zone(void *zone_list) noexcept;
+int _kova_get_zone_id(kova_zone *zone, int *zone_id) noexcept;
+void _kova_zone_free(kova_zone *zone) noexcept;
+
+int _kova_set_app_zone_info(const char *app_id, int zone_id) noexcept;
+int _kova_remove_app_zone_info(const char *app_id, int zone_id) noexcept;
+int _kova_set_pre_assigned_app_zone_info(const char *app_id, int zone_id) noexcept;
+int _kova_set_removable_app_zone_info(const char *app_id, int zone_id) noexcept;
+int _kova_clear_removable_app_zone_info(void) noexcept;
+int _kova_notify_layout_state(kova_layout_state_e state) noexcept;
+int _kova_get_focused_zone(kova_zone **zone) noexcept;
+
+int _kova_switch_best_quality_zone_info(int first, int second) noexcept;
+int _kova_restore_best_quality_zone(void) noexcept;
+int _kova_register_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback,
+                                                       void *user_data) noexcept;
+int _kova_add_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback,
+                                                  void *user_data) noexcept;
+int _kova_unregister_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback) noexcept;
+int _kova_remove_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback) noexcept;
+
+int _kova_set_audio_focus(int focus) noexcept;
+int _kova_get_audio_focus(int *focus) noexcept;
+int _kova_get_last_audio_focus(int *focus) noexcept;
+int _kova_is_audio_focused(const char *app_id) noexcept;
+unsigned int _kova_register_audio_focus_changed_callback(kova_player_audio_request_cb callback,
+                                                         void *user_data) noexcept;
+int _kova_unregister_audio_focus_changed_callback(unsigned int id) noexcept;
+
+// The audio-focus-zone subscription's handler and the free function of its
+// cb_data.
+void _focus_changed_signal_cb(GDBusConnection *connection, const gchar *sender, const gchar *path,
+                              const gchar *iface, const gchar *signal, GVariant *params,
+                              gpointer user_data) noexcept;
+void _focus_changed_signal_cb_free(gpointer data) noexcept;
+}
+
 namespace kova {
 
 [[noreturn]] void alloc_failed(const char *what, const char *file, int line) noexcept;
@@ -177,6 +230,16 @@ GVariant *app_id_array(kova_app_list_h list) noexcept;
 // Sends a list-carrying tuple and maps the "(i)" reply: 0 for a service
 // result of 0, else -1. Logs "failed" / "success, result" on behalf of func.
 int send_policy_call(const char *func, int cmd, const char *method, GVariant *args) noexcept;
+
+// A zone record on the process heap with a copy of app_id (which may be
+// null); null when memory runs out, for the caller to assert with its name.
+kova_zone *new_zone(int id, int scaler_id, const char *app_id) noexcept;
+
+// Synchronous call with an "(i)" reply, logged the way the zone and focus
+// operations log: "... for <what> is failed" on failure, the reply integer on
+// success. Stores the integer in *value; 0 or -1.
+int call_logged_int(const char *func, int cmd, const char *method, GVariant *args, const char *what,
+                    int *value) noexcept;
 
 }  // namespace kova
 

@@ -1,0 +1,403 @@
+// Best-quality zone: switch and restore, and the registry of switched
+// callbacks with its one shared subscription, including callbacks that change
+// the registry while a switch is delivered and threads racing the first
+// subscription against the last unsubscription.
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <future>
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "kova_api.h"
+#include "kova_test.h"
+
+namespace kova_test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr const char *kSignal = "BestQualitZoneSwitched";
+
+struct Hit {
+  int who;
+  int first, second, third;
+  void *user_data;
+  bool operator==(const Hit &) const = default;
+};
+
+void PrintTo(const Hit &h, std::ostream *os) {
+  *os << "cb" << h.who << "(" << h.first << "," << h.second << "," << h.third << "," << h.user_data << ")";
+}
+
+// Callbacks are told apart by their address, so each slot is its own function.
+std::vector<Hit> g_hits;
+std::function<void()> g_action[4];
+
+template <int N>
+void Cb(int first, int second, int third, void *user_data) {
+  g_hits.push_back({N, first, second, third, user_data});
+  std::function<void()> action = g_action[N];  // the action may replace itself
+  if (action) action();
+}
+
+constexpr kova_best_quality_zone_switched_cb kCb[] = {Cb<0>, Cb<1>, Cb<2>, Cb<3>};
+
+std::string P(kova_best_quality_zone_switched_cb cb) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%p", reinterpret_cast<void *>(cb));
+  return buf;
+}
+
+void *Ud(int n) { return reinterpret_cast<void *>(static_cast<intptr_t>(0x100 + n)); }
+
+class BestZoneTest : public KovaTest {
+ protected:
+  void SetUp() override {
+    KovaTest::SetUp();
+    g_hits.clear();
+    for (auto &a : g_action) a = nullptr;
+  }
+  void TearDown() override {
+    for (auto &a : g_action) a = nullptr;
+    // A delivery may have emptied the registry and left the subscription:
+    // register and unregister once more, so that the next test starts with
+    // no subscription.
+    if (kova_register_best_quality_zone_switched_callback(Cb<3>, nullptr) == 0) {
+      kova_unregister_best_quality_zone_switched_callback(Cb<3>);
+    }
+    KovaTest::TearDown();
+  }
+
+  // Emits a switch and waits until it has been delivered.
+  void Switch(int first, int second = 0, int third = 0) {
+    const std::string received = "signal (BestQualitZoneSwitched) received - (" + std::to_string(first) + ":" +
+                                 std::to_string(second) + ":" + std::to_string(third) + ")";
+    const int before = doubles::CountLog(received, doubles::kInfo);
+    Emit(kSignal, g_variant_new("(iii)", first, second, third));
+    ASSERT_TRUE(WaitUntil([&] { return doubles::CountLog(received, doubles::kInfo) > before; })) << received;
+  }
+
+  static std::vector<int> Callers() {
+    std::vector<int> who;
+    for (const Hit &h : g_hits) who.push_back(h.who);
+    return who;
+  }
+  static int Subscribes() { return doubles::CountLogPrefix("subscribe best quality zone switched (", doubles::kInfo); }
+  static int Unsubscribes() {
+    return doubles::CountLogPrefix("unsubscribe best quality zone switched (", doubles::kInfo);
+  }
+};
+
+// ---- Switch and restore ----
+
+TEST_F(BestZoneTest, SwitchAndRestoreReturnTheServiceInteger) {
+  struct Request {
+    const char *method;
+    std::function<int()> call;
+    const char *signature;
+    const char *entry;  // entry line, nullptr for none
+    const char *what;
+  };
+  const Request requests[] = {
+      {"SwitchBestQaulityZone", [] { return kova_switch_best_quality_zone(2, 0); }, "(iii)", ">> (2:0)",
+       "BEST QUALITY ZONE INFO"},
+      {"RestoreBestQualityZone", [] { return kova_restore_best_quality_zone(); }, "(i)", nullptr,
+       "RESTORE BEST QUALITY ZONE INFO"},
+  };
+  for (const Request &r : requests) {
+    for (int reply : {0, 7, -3}) {
+      service().SetInt(r.method, reply);
+      doubles::ClearLogs();
+      EXPECT_EQ(r.call(), reply) << r.method;
+      Call call = LastCall(r.method);
+      EXPECT_EQ(call.signature, r.signature);
+      EXPECT_FALSE(call.no_reply_expected);
+      std::vector<std::string> want;
+      if (r.entry != nullptr) want.push_back(r.entry);
+      want.push_back(std::string("Method call '") + r.method + "'");
+      want.push_back("[" + Hex(call.args.i32(0)) + "] _kova_dbus_method_call() success, method return value is (" +
+                     std::to_string(reply) + ")");
+      EXPECT_EQ(doubles::Messages(), want);
+    }
+    service().Set(r.method, Answer::Value(g_variant_new("(u)", 1u)));
+    EXPECT_EQ(r.call(), -1);
+    EXPECT_TRUE(doubles::HasLog(
+        "[" + Hex(LastCall(r.method).args.i32(0)) + "] _kova_dbus_method_call() for " + r.what + " is failed",
+        doubles::kError));
+  }
+  EXPECT_EQ(LastCall("SwitchBestQaulityZone").args.i32(1), 2);
+  EXPECT_EQ(LastCall("SwitchBestQaulityZone").args.i32(2), 0);
+
+  // Negative arguments send nothing.
+  service().ClearCalls();
+  for (auto [a, b] : {std::pair{-1, 0}, std::pair{0, -1}, std::pair{-5, -6}}) {
+    doubles::ClearLogs();
+    EXPECT_EQ(kova_switch_best_quality_zone(a, b), -1);
+    EXPECT_THAT(doubles::Messages(),
+                ElementsAre("invalid param (" + std::to_string(a) + ":" + std::to_string(b) + ")"));
+    EXPECT_EQ(doubles::Logs()[0].priority, doubles::kError);
+  }
+  Sync();
+  EXPECT_EQ(service().CallCount(), 0u);
+}
+
+// ---- Registry ----
+
+TEST_F(BestZoneTest, CallbacksGetTheSignalInRegistrationOrderThroughOneSubscription) {
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1)), 0);
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  EXPECT_EQ(doubles::CountLog("cb added (" + P(Cb<1>) + ")", doubles::kInfo), 1);
+  EXPECT_EQ(doubles::CountLog("cb added (" + P(Cb<0>) + ")", doubles::kInfo), 1);
+  EXPECT_EQ(Subscribes(), 1);
+
+  doubles::ClearLogs();
+  Switch(4, 5, 6);
+  EXPECT_THAT(g_hits, ElementsAre(Hit{1, 4, 5, 6, Ud(1)}, Hit{0, 4, 5, 6, Ud(0)}));
+  EXPECT_THAT(doubles::Messages(),
+              ElementsAre("signal (BestQualitZoneSwitched) received - (4:5:6)", "call cb(" + P(Cb<1>) + ") - (4:5:6)",
+                          "call cb(" + P(Cb<0>) + ") - (4:5:6)"));
+
+  // The last unregistration drops the subscription: nothing arrives any more.
+  doubles::ClearLogs();
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<1>), 0);
+  EXPECT_EQ(Unsubscribes(), 0);
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+  EXPECT_EQ(doubles::CountLog("cb removed (" + P(Cb<0>) + ")", doubles::kInfo), 1);
+  ASSERT_EQ(Unsubscribes(), 1);
+  Emit(kSignal, g_variant_new("(iii)", 7, 7, 7));
+  Sync();
+  EXPECT_EQ(g_hits.size(), 2u);
+  EXPECT_EQ(doubles::CountLogPrefix("signal (BestQualitZoneSwitched) received"), 0);
+
+  // Registering again subscribes anew.
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<2>, Ud(2)), 0);
+  EXPECT_EQ(Subscribes(), 1);
+  Switch(8);
+  EXPECT_EQ(g_hits.back(), (Hit{2, 8, 0, 0, Ud(2)}));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), 0);
+}
+
+TEST_F(BestZoneTest, DoubleRegistrationKeepsTheFirst) {
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  doubles::ClearLogs();
+  EXPECT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(9)), -1);
+  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "already registered callback (" + P(Cb<0>) + ")"));
+  EXPECT_EQ(doubles::Logs()[1].priority, doubles::kError);
+  Switch(1);
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+}
+
+TEST_F(BestZoneTest, UnregisteringWhatIsNotRegisteredAndRegisteringNull) {
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), -1);
+  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "not registered cb (" + P(Cb<2>) + ")"));
+  EXPECT_EQ(doubles::Logs()[1].priority, doubles::kError);
+  doubles::ClearLogs();
+  EXPECT_EQ(kova_register_best_quality_zone_switched_callback(nullptr, Ud(0)), -1);
+  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "invalid param"));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(nullptr), -1);
+  Sync();
+  EXPECT_EQ(service().CallCount(), 0u);
+}
+
+TEST_F(BestZoneTest, CallbackUnregisteringItselfIsRemovedWhenTheDeliveryEnds) {
+  int result[2] = {99, 99};
+  g_action[0] = [&] { result[0] = kova_unregister_best_quality_zone_switched_callback(Cb<0>); };
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1)), 0);
+  doubles::ClearLogs();
+  Switch(1);
+  EXPECT_EQ(result[0], 0);
+  EXPECT_THAT(Callers(), ElementsAre(0, 1));
+  EXPECT_TRUE(doubles::HasLog("cb (" + P(Cb<0>) + ") is being invoked", doubles::kInfo));
+  EXPECT_TRUE(doubles::HasLog("remove inactive cb(" + P(Cb<0>) + ")", doubles::kInfo));
+  EXPECT_EQ(doubles::CountLogPrefix("not registered cb"), 0);
+  Switch(2);
+  EXPECT_THAT(Callers(), ElementsAre(0, 1, 1));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), -1);  // gone
+
+  // The last one unregistering itself: its record stays until the delivery
+  // ends, so the subscription stays too, for the next registration to reuse.
+  g_action[1] = [&] { result[1] = kova_unregister_best_quality_zone_switched_callback(Cb<1>); };
+  Switch(3);
+  EXPECT_EQ(result[1], 0);
+  EXPECT_TRUE(doubles::HasLog("remove inactive cb(" + P(Cb<1>) + ")"));
+  EXPECT_EQ(Unsubscribes(), 0);
+  doubles::ClearLogs();
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<2>, Ud(2)), 0);
+  EXPECT_EQ(Subscribes(), 0);
+  Switch(4);
+  EXPECT_THAT(Callers(), ElementsAre(0, 1, 1, 1, 2));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), 0);
+  EXPECT_EQ(Unsubscribes(), 1);
+  Emit(kSignal, g_variant_new("(iii)", 5, 0, 0));
+  Sync();
+  EXPECT_EQ(g_hits.size(), 5u);
+}
+
+TEST_F(BestZoneTest, UnregisteringALaterCallbackSkipsIt) {
+  int first = 99;
+  int second = 99;
+  g_action[0] = [&] {
+    first = kova_unregister_best_quality_zone_switched_callback(Cb<1>);
+    second = kova_unregister_best_quality_zone_switched_callback(Cb<1>);
+    g_action[0] = nullptr;
+  };
+  for (int i : {0, 1, 2}) ASSERT_EQ(kova_register_best_quality_zone_switched_callback(kCb[i], Ud(i)), 0);
+  doubles::ClearLogs();
+  Switch(1);
+  EXPECT_THAT(Callers(), ElementsAre(0, 2));
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(second, -1);  // already unregistered
+  EXPECT_EQ(doubles::CountLog("not registered cb (" + P(Cb<1>) + ")", doubles::kError), 1);
+  EXPECT_EQ(doubles::CountLog("unregistered cb (" + P(Cb<1>) + ")", doubles::kError), 1);
+  EXPECT_EQ(doubles::CountLog("remove inactive cb(" + P(Cb<1>) + ")", doubles::kInfo), 1);
+  EXPECT_EQ(doubles::CountLogPrefix("call cb(" + P(Cb<1>) + ")"), 0);
+
+  Switch(2);
+  EXPECT_THAT(Callers(), ElementsAre(0, 2, 0, 2));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), 0);
+}
+
+TEST_F(BestZoneTest, CallbackRegisteredDuringADeliveryIsCalledFromTheNextOne) {
+  int result = 99;
+  g_action[0] = [&] {
+    result = kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1));
+    g_action[0] = nullptr;
+  };
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  Switch(1);
+  EXPECT_EQ(result, 0);
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}));
+  Switch(2);
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}, Hit{0, 2, 0, 0, Ud(0)}, Hit{1, 2, 0, 0, Ud(1)}));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<1>), 0);
+  EXPECT_EQ(Subscribes(), 1);
+  EXPECT_EQ(Unsubscribes(), 1);
+}
+
+TEST_F(BestZoneTest, UnregisteredAndRegisteredAgainDuringADeliveryKeepsItsRecordWithTheNewUserData) {
+  // cb0 takes cb1 (still to come) and itself (already called) out and back in.
+  g_action[0] = [&] {
+    EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<1>), 0);
+    EXPECT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(11)), 0);
+    EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+    EXPECT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(10)), 0);
+    g_action[0] = nullptr;
+  };
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1)), 0);
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<2>, Ud(2)), 0);
+  doubles::ClearLogs();
+  Switch(1);
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}, Hit{1, 1, 0, 0, Ud(11)}, Hit{2, 1, 0, 0, Ud(2)}));
+  for (int i : {0, 1}) {
+    EXPECT_EQ(doubles::CountLog("cb (" + P(kCb[i]) + ") is being invoked", doubles::kInfo), 1);
+    EXPECT_EQ(doubles::CountLog("cb activated (" + P(kCb[i]) + ")", doubles::kInfo), 1);
+  }
+  EXPECT_EQ(doubles::CountLogPrefix("remove inactive cb"), 0);
+  EXPECT_EQ(doubles::CountLogPrefix("cb added"), 0);
+
+  g_hits.clear();
+  Switch(2);
+  // Same records, same order, new user data.
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 2, 0, 0, Ud(10)}, Hit{1, 2, 0, 0, Ud(11)}, Hit{2, 2, 0, 0, Ud(2)}));
+  for (int i : {0, 1, 2}) EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(kCb[i]), 0);
+  EXPECT_EQ(Unsubscribes(), 1);
+}
+
+TEST_F(BestZoneTest, RegistryMutexIsNotHeldWhileACallbackRuns) {
+  // The callback waits for another thread that unregisters a later callback
+  // and registers a new one; with the registry locked it would never finish.
+  std::atomic<int> other_result{99};
+  g_action[0] = [&] {
+    auto done = std::async(std::launch::async, [&] {
+      other_result = kova_unregister_best_quality_zone_switched_callback(Cb<1>);
+      kova_register_best_quality_zone_switched_callback(Cb<2>, Ud(2));
+    });
+    ASSERT_EQ(done.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    // A bus call from inside a callback.
+    service().SetInt("RestoreBestQualityZone", 0);
+    EXPECT_EQ(kova_restore_best_quality_zone(), 0);
+    g_action[0] = nullptr;
+  };
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1)), 0);
+  Switch(1);
+  EXPECT_EQ(other_result, 0);
+  EXPECT_THAT(Callers(), ElementsAre(0));
+  EXPECT_TRUE(doubles::HasLog("unregistered cb (" + P(Cb<1>) + ")", doubles::kError));
+  Switch(2);
+  EXPECT_THAT(Callers(), ElementsAre(0, 0, 2));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), 0);
+}
+
+TEST_F(BestZoneTest, MalformedSignalIsIgnoredWithAnError) {
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  Emit(kSignal, g_variant_new("(ii)", 1, 2));
+  Emit(kSignal, g_variant_new("(s)", "1"));
+  Emit(kSignal, nullptr);
+  Sync();
+  EXPECT_THAT(g_hits, IsEmpty());
+  EXPECT_EQ(doubles::CountLog("signal (BestQualitZoneSwitched) ignored, unexpected type ((ii))", doubles::kError), 1);
+  EXPECT_EQ(doubles::CountLogPrefix("signal (BestQualitZoneSwitched) ignored, unexpected type", doubles::kError), 3);
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+}
+
+TEST_F(BestZoneTest, FirstSubscriptionAndLastUnsubscriptionRaceSafely) {
+  // Two threads register and unregister their own callback over and over, so
+  // the registry keeps passing between empty and non-empty on both threads.
+  constexpr int kRounds = 300;
+  std::atomic<int> failures{0};
+  auto churn = [&failures](kova_best_quality_zone_switched_cb cb) {
+    for (int i = 0; i < kRounds; ++i) {
+      if (kova_register_best_quality_zone_switched_callback(cb, nullptr) != 0) ++failures;
+      if (kova_unregister_best_quality_zone_switched_callback(cb) != 0) ++failures;
+    }
+  };
+  std::thread a(churn, Cb<1>);
+  std::thread b(churn, Cb<2>);
+  a.join();
+  b.join();
+  EXPECT_EQ(failures, 0);
+
+  // Subscribing and unsubscribing strictly alternate, each dropping the one
+  // made before it: never two subscriptions, never a registry without one.
+  const std::regex line(R"((un)?subscribe best quality zone switched \((\d+)\))");
+  std::string open_id;
+  int made = 0;
+  for (const std::string &m : doubles::Messages()) {
+    std::smatch match;
+    if (!std::regex_match(m, match, line)) continue;
+    if (match[1].matched) {
+      ASSERT_FALSE(open_id.empty()) << "unsubscribed without a subscription";
+      EXPECT_EQ(match[2].str(), open_id);
+      open_id.clear();
+    } else {
+      ASSERT_TRUE(open_id.empty()) << "a second subscription";
+      open_id = match[2];
+      ++made;
+    }
+  }
+  EXPECT_TRUE(open_id.empty());
+  EXPECT_GE(made, 2);
+
+  // Afterwards exactly one subscription delivers each switch exactly once.
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  Switch(5);
+  Sync();
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 5, 0, 0, Ud(0)}));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+}
+
+}  // namespace
+}  // namespace kova_test
