@@ -100,6 +100,7 @@ run "$build/examples/zones_focus" 1 1 1
 section "resource policy"
 run "$kovactl" policy set 3 demo.owner tv.app:1:2 radio.app:0:5
 run "$kovactl" --json policy internal 0
+run "$build/examples/policy_example" 2 1 5
 
 section "unregistering"
 run "$kovactl" player unregister 10
