@@ -311,9 +311,15 @@ TEST(SimZones, BestQualitySwitchesAreSignalledAndRestored) {
 // ------------------------------------------------------------------ grants
 
 TEST(SimGrants, RegisteredAppsAreToldWhenTheirGrantsChange) {
-  Kova k{Config{}};
+  Config c;
+  c.capable_categories = {{1010, 1012}};
+  Kova k(c);
   const Resolution main{3840, 2160, 60};
   const Resolution sub{1920, 1080, 30};
+  EXPECT_EQ(k.PolicyMaxVideo(0, 3), main);
+  EXPECT_EQ(k.PolicyMaxVideo(2, 3), sub);
+  EXPECT_EQ(k.CapableCategory(1010), 1012);
+  EXPECT_EQ(k.CapableCategory(1011), 1011);
   k.SetAppToZone("a", 1);
   k.SetAppToZone("b", 2);
   k.SetAppToZone("c", 2);  // takes b's place: b is in no zone now
@@ -342,16 +348,6 @@ TEST(SimGrants, RegisteredAppsAreToldWhenTheirGrantsChange) {
   EXPECT_EQ(k.MaxVideoUnregister("c"), 0);
   k.RestoreBestQualityZone();
   EXPECT_THAT(Signals(k), ElementsAre(BestZoneSignal{1, 2, 0}, AppRscSignal{"c", 1, 0, sub}));
-}
-
-TEST(SimGrants, PolicyAndCategoryQueries) {
-  Config c;
-  c.capable_categories = {{1010, 1012}};
-  Kova k(c);
-  EXPECT_EQ(k.PolicyMaxVideo(0, 3), c.main_video);
-  EXPECT_EQ(k.PolicyMaxVideo(2, 3), c.sub_video);
-  EXPECT_EQ(k.CapableCategory(1010), 1012);
-  EXPECT_EQ(k.CapableCategory(1011), 1011);
 }
 
 // ------------------------------------------------------------------ policy
