@@ -78,76 +78,83 @@ TEST(SimConfig, ValuesOverrideTheDefaults) {
   EXPECT_EQ(config.capable_categories, (std::map<int, int>{{7, 8}, {1010, 1012}}));
 }
 
-TEST(SimConfig, LoadNamesTheFileAndLine) {
-  Config config;
-  std::string error;
-  EXPECT_FALSE(LoadConfig("/nonexistent/kova.conf", &config, &error));
-  EXPECT_EQ(error, "/nonexistent/kova.conf: cannot read the file");
-}
-
 // ----------------------------------------------------------------- players
 
-TEST(SimPlayers, SecondPlayerOnTheOnlyDecoderStopsTheFirstThenStarts) {
-  Kova k(WithDecoders(1));
-  k.PlayerRegister(1, 10, 0);
-  k.PlayerRegister(2, 20, 0);
-  EXPECT_EQ(k.PlayerRequestPlay(100, 10), kAudioOutMain);
-  EXPECT_THAT(Signals(k), ElementsAre(Req(kVStart, 100, 10), Req(kAStart, 100, 10)));
-  EXPECT_EQ(k.PlayerVideoStartDone(10), 0);
-  EXPECT_EQ(k.PlayerAudioStartDone(10), 0);
+// Player 10 holds the only decoder and has been asked to stop for 20, which waits.
+class SimContended : public ::testing::Test {
+ protected:
+  void Contend(bool started) {
+    k.PlayerRegister(1, 10, 0);
+    k.PlayerRegister(2, 20, 0);
+    EXPECT_EQ(k.PlayerRequestPlay(100, 10), kAudioOutMain);
+    EXPECT_THAT(Signals(k), ElementsAre(Req(kVStart, 100, 10), Req(kAStart, 100, 10)));
+    if (started) {
+      EXPECT_EQ(k.PlayerVideoStartDone(10), 0);
+      EXPECT_EQ(k.PlayerAudioStartDone(10), 0);
+    }
+    // The reply promises the output the first player will hand over.
+    EXPECT_EQ(k.PlayerRequestPlay(200, 20), kAudioOutMain);
+    Outbox out = k.TakeOutbox();
+    EXPECT_THAT(out.signals, ElementsAre(Req(kVStop, 200, 10), Req(kAStop, 200, 10)));
+    ASSERT_EQ(out.timers.size(), 1u);
+    EXPECT_EQ(out.timers[0].player_id, 10);
+    EXPECT_EQ(out.timers[0].ms, 3000);
+    EXPECT_EQ(k.player_state(20), State::kWaiting);
+    serial = out.timers[0].serial;
+  }
+  void SetUp() override { Contend(false); }
+  void ExpectHandedOver() {
+    EXPECT_THAT(Signals(k), ElementsAre(Req(kVStart, 200, 20), Req(kAStart, 200, 20)));
+  }
 
-  // The reply promises the output the first player will hand over.
-  EXPECT_EQ(k.PlayerRequestPlay(200, 20), kAudioOutMain);
-  Outbox out = k.TakeOutbox();
-  EXPECT_THAT(out.signals, ElementsAre(Req(kVStop, 200, 10), Req(kAStop, 200, 10)));
-  ASSERT_EQ(out.timers.size(), 1u);
-  EXPECT_EQ(out.timers[0].player_id, 10);
-  EXPECT_EQ(out.timers[0].ms, 3000);
-  EXPECT_EQ(k.player_state(20), State::kWaiting);
+  Kova k{WithDecoders(1)};
+  unsigned serial = 0;
+};
+
+// The same, with the holder's start already acknowledged.
+class SimContendedStarted : public SimContended {
+  void SetUp() override { Contend(true); }
+};
+
+TEST_F(SimContendedStarted, HandsOverOnceBothStopsAreAcknowledged) {
   EXPECT_EQ(k.PlayerRequestPlay(201, 20), kAudioOutMain);  // asking again changes nothing
-  EXPECT_THAT(Signals(k), IsEmpty());
-
-  // Nothing moves until both stops are acknowledged.
   EXPECT_EQ(k.PlayerVideoStopDone(10), 0);
   EXPECT_THAT(Signals(k), IsEmpty());
   EXPECT_EQ(k.PlayerAudioStopDone(10), 0);
-  EXPECT_THAT(Signals(k), ElementsAre(Req(kVStart, 200, 20), Req(kAStart, 200, 20)));
+  ExpectHandedOver();
   EXPECT_EQ(k.GetPlayerAudioOut(10), kAudioOutNone);
   EXPECT_EQ(k.GetPlayerAudioOut(20), kAudioOutMain);
   EXPECT_EQ(k.player_state(10), State::kIdle);
   EXPECT_EQ(k.free_decoders(), 0);
-
-  // The timer of the finished stop no longer does anything.
-  k.StopTimedOut(10, out.timers[0].serial);
+  k.StopTimedOut(10, serial);  // the finished stop's timer no longer does anything
   EXPECT_THAT(Signals(k), IsEmpty());
   EXPECT_EQ(k.player_state(20), State::kPlaying);
 }
 
-TEST(SimPlayers, AHolderThatNeverAnswersLosesItsDecoderAtTheTimeout) {
-  Kova k(WithDecoders(1));
-  k.PlayerRegister(1, 10, 0);
-  k.PlayerRegister(2, 20, 0);
-  k.PlayerRequestPlay(100, 10);
-  k.PlayerRequestPlay(200, 20);
-  Outbox out = k.TakeOutbox();
-  ASSERT_EQ(out.timers.size(), 1u);
-  k.StopTimedOut(10, out.timers[0].serial + 1);  // some other stop's timer
+TEST_F(SimContended, AHolderThatNeverAnswersLosesItsDecoderAtTheTimeout) {
+  k.StopTimedOut(10, serial + 1);  // some other stop's timer
   EXPECT_THAT(Signals(k), IsEmpty());
-  k.StopTimedOut(10, out.timers[0].serial);
-  EXPECT_THAT(Signals(k), ElementsAre(Req(kVStart, 200, 20), Req(kAStart, 200, 20)));
+  k.StopTimedOut(10, serial);
+  ExpectHandedOver();
   EXPECT_EQ(k.PlayerVideoStopDone(10), -1);  // too late: nothing is awaited any more
 }
 
-TEST(SimPlayers, AHolderThatUnregistersWhileStoppingHandsOverAtOnce) {
-  Kova k(WithDecoders(1));
-  k.PlayerRegister(1, 10, 0);
-  k.PlayerRegister(2, 20, 0);
-  k.PlayerRequestPlay(100, 10);
-  k.PlayerRequestPlay(200, 20);
-  k.TakeOutbox();
+TEST_F(SimContended, AHolderThatUnregistersHandsOverAtOnce) {
   k.PlayerUnregister(3, 10);
-  EXPECT_THAT(Signals(k), ElementsAre(Req(kVStart, 200, 20), Req(kAStart, 200, 20)));
+  ExpectHandedOver();
   EXPECT_EQ(k.GetPlayerAudioOut(10), -1);
+}
+
+TEST_F(SimContended, AWaiterThatGivesUpLeavesTheDecoderFree) {
+  k.PlayerRegister(1, 30, 0);
+  EXPECT_EQ(k.PlayerRequestPlay(300, 30), -1);  // every decoder is promised
+  k.PlayerRequestStop(201, 20);
+  EXPECT_EQ(k.player_state(20), State::kIdle);
+  EXPECT_EQ(k.player_state(10), State::kStopping);  // the stop already asked for goes on
+  k.PlayerVideoStopDone(10);
+  k.PlayerAudioStopDone(10);
+  EXPECT_THAT(Signals(k), IsEmpty());
+  EXPECT_EQ(k.free_decoders(), 1);
 }
 
 TEST(SimPlayers, FreeDecodersAreGrantedAtOnceWithTheNextFreeOutput) {
@@ -169,7 +176,7 @@ TEST(SimPlayers, APlayerWithoutAudioOutputGetsNoAudioRequests) {
   Kova k(c);
   k.PlayerRegister(1, 10, 0);
   k.PlayerRegister(1, 20, 0);
-  EXPECT_EQ(k.PlayerRequestPlay(100, 10), kAudioOutMain);
+  k.PlayerRequestPlay(100, 10);
   EXPECT_EQ(k.PlayerRequestPlay(200, 20), kAudioOutNone);
   EXPECT_THAT(Signals(k), ElementsAre(Req(kVStart, 100, 10), Req(kAStart, 100, 10), Req(kVStart, 200, 20)));
   EXPECT_EQ(k.PlayerAudioStartDone(20), -1);
@@ -179,48 +186,7 @@ TEST(SimPlayers, APlayerWithoutAudioOutputGetsNoAudioRequests) {
   EXPECT_EQ(k.free_decoders(), 1);
 }
 
-TEST(SimPlayers, EveryDecoderPromisedRefusesTheNextRequest) {
-  Kova k(WithDecoders(1));
-  for (int id : {10, 20, 30}) k.PlayerRegister(1, id, 0);
-  k.PlayerRequestPlay(100, 10);
-  k.PlayerRequestPlay(200, 20);
-  k.TakeOutbox();
-  EXPECT_EQ(k.PlayerRequestPlay(300, 30), -1);
-  EXPECT_THAT(Signals(k), IsEmpty());
-}
-
-TEST(SimPlayers, AWaitingPlayerThatGivesUpLeavesTheDecoderFree) {
-  Kova k(WithDecoders(1));
-  k.PlayerRegister(1, 10, 0);
-  k.PlayerRegister(1, 20, 0);
-  k.PlayerRequestPlay(100, 10);
-  k.PlayerRequestPlay(200, 20);
-  k.TakeOutbox();
-  k.PlayerRequestStop(201, 20);
-  EXPECT_EQ(k.player_state(20), State::kIdle);
-  EXPECT_EQ(k.player_state(10), State::kStopping);  // the stop already asked for goes on
-  k.PlayerVideoStopDone(10);
-  k.PlayerAudioStopDone(10);
-  EXPECT_THAT(Signals(k), IsEmpty());
-  EXPECT_EQ(k.free_decoders(), 1);
-}
-
-TEST(SimPlayers, OwnStopRequestRunsTheStopSequence) {
-  Kova k(WithDecoders(1));
-  k.PlayerRegister(1, 10, 0);
-  k.PlayerRequestPlay(100, 10);
-  k.TakeOutbox();
-  k.PlayerRequestStop(101, 10);
-  EXPECT_THAT(Signals(k), ElementsAre(Req(kVStop, 101, 10), Req(kAStop, 101, 10)));
-  EXPECT_EQ(k.free_decoders(), 0);  // held until acknowledged
-  EXPECT_EQ(k.PlayerAudioStopDone(10), 0);
-  EXPECT_EQ(k.PlayerAudioStopDone(10), -1);
-  EXPECT_EQ(k.PlayerVideoStopDone(10), 0);
-  EXPECT_EQ(k.free_decoders(), 1);
-  EXPECT_THAT(Signals(k), IsEmpty());
-}
-
-TEST(SimPlayers, UnexpectedCallsAreRefused) {
+TEST(SimPlayers, OneLifeWithUnexpectedCallsRefused) {
   Kova k(WithDecoders(1));
   EXPECT_EQ(k.PlayerRequestPlay(1, 99), -1);  // never registered
   EXPECT_EQ(k.GetPlayerAudioOut(99), -1);
@@ -233,6 +199,14 @@ TEST(SimPlayers, UnexpectedCallsAreRefused) {
   EXPECT_THAT(Signals(k), ElementsAre(Req(kVStart, 2, 10), Req(kAStart, 2, 10)));
   EXPECT_EQ(k.PlayerVideoStartDone(10), 0);
   EXPECT_EQ(k.PlayerVideoStartDone(10), -1);
+  k.PlayerRequestStop(4, 10);
+  EXPECT_THAT(Signals(k), ElementsAre(Req(kVStop, 4, 10), Req(kAStop, 4, 10)));
+  EXPECT_EQ(k.free_decoders(), 0);  // held until acknowledged
+  EXPECT_EQ(k.PlayerAudioStopDone(10), 0);
+  EXPECT_EQ(k.PlayerAudioStopDone(10), -1);
+  EXPECT_EQ(k.PlayerVideoStopDone(10), 0);
+  EXPECT_EQ(k.free_decoders(), 1);
+  EXPECT_THAT(Signals(k), IsEmpty());
 }
 
 TEST(SimPlayers, ExternalSpeakersResyncThePlayersOnTheirOutput) {
@@ -337,9 +311,15 @@ TEST(SimZones, BestQualitySwitchesAreSignalledAndRestored) {
 // ------------------------------------------------------------------ grants
 
 TEST(SimGrants, RegisteredAppsAreToldWhenTheirGrantsChange) {
-  Kova k{Config{}};
+  Config c;
+  c.capable_categories = {{1010, 1012}};
+  Kova k(c);
   const Resolution main{3840, 2160, 60};
   const Resolution sub{1920, 1080, 30};
+  EXPECT_EQ(k.PolicyMaxVideo(0, 3), main);
+  EXPECT_EQ(k.PolicyMaxVideo(2, 3), sub);
+  EXPECT_EQ(k.CapableCategory(1010), 1012);
+  EXPECT_EQ(k.CapableCategory(1011), 1011);
   k.SetAppToZone("a", 1);
   k.SetAppToZone("b", 2);
   k.SetAppToZone("c", 2);  // takes b's place: b is in no zone now
@@ -368,16 +348,6 @@ TEST(SimGrants, RegisteredAppsAreToldWhenTheirGrantsChange) {
   EXPECT_EQ(k.MaxVideoUnregister("c"), 0);
   k.RestoreBestQualityZone();
   EXPECT_THAT(Signals(k), ElementsAre(BestZoneSignal{1, 2, 0}, AppRscSignal{"c", 1, 0, sub}));
-}
-
-TEST(SimGrants, PolicyAndCategoryQueries) {
-  Config c;
-  c.capable_categories = {{1010, 1012}};
-  Kova k(c);
-  EXPECT_EQ(k.PolicyMaxVideo(0, 3), c.main_video);
-  EXPECT_EQ(k.PolicyMaxVideo(2, 3), c.sub_video);
-  EXPECT_EQ(k.CapableCategory(1010), 1012);
-  EXPECT_EQ(k.CapableCategory(1011), 1011);
 }
 
 // ------------------------------------------------------------------ policy
