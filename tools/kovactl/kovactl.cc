@@ -17,7 +17,13 @@
 #include <utility>
 #include <vector>
 
+#include <gio/gio.h>
+
 #include "kova_api.h"
+
+// The library's connection, exported for platform tools. Fire-and-forget
+// calls are only queued on it; the process must not exit before they left.
+extern "C" GDBusConnection *_kova_dbus_get_connection(void);
 
 namespace {
 
@@ -29,6 +35,7 @@ constexpr int kUsage = 2;
 // to stderr; our own messages go to the saved descriptor.
 FILE *g_err = stderr;
 bool g_json = false;
+bool g_queued = false;  // a fire-and-forget call was made
 
 struct UsageError {
   std::string message;
@@ -153,14 +160,17 @@ int Result(const char *what, int result, bool failed) {
 
 int PlayerRegister(const Args &a) {
   int id = a.Int(0, "player id");
+  g_queued = true;
   int r = kova_player_register(id, a.size() > 1 ? a.Int(1, "value") : 0);
   return Result("player-register", r, r != id);
 }
 int PlayerUnregister(const Args &a) {
+  g_queued = true;
   int r = kova_player_unregister(a.Int(0, "player id"));
   return Result("player-unregister", r, r != 0);
 }
 int PlayerStop(const Args &a) {
+  g_queued = true;
   int r = kova_player_request_stop(a.Int(0, "player id"));
   return Result("player-stop", r, r != 0);
 }
@@ -263,10 +273,12 @@ int ZonesPreassign(const Args &a) {
   return Result("zone-preassign", r, r != 0);
 }
 int ZonesRemovable(const Args &a) {
+  g_queued = true;
   int r = kova_set_removable_app_zone_info(a[0], a.Int(1, "zone id"));
   return Result("zone-removable", r, r != 0);
 }
 int ZonesClearRemovable(const Args &) {
+  g_queued = true;
   int r = kova_clear_removable_app_zone_info();
   return Result("zone-clear-removable", r, r != 0);
 }
@@ -722,9 +734,17 @@ int Run(int argc, char **argv) {
 
 }  // namespace
 
+// Sends whatever the library queued (fire-and-forget calls) before exiting.
+void Flush() {
+  if (!g_queued) return;
+  if (GDBusConnection *c = _kova_dbus_get_connection()) g_dbus_connection_flush_sync(c, nullptr, nullptr);
+}
+
 int main(int argc, char **argv) {
   try {
-    return Run(argc, argv);
+    int status = Run(argc, argv);
+    Flush();
+    return status;
   } catch (const UsageError &e) {
     std::fprintf(g_err, "kovactl: %s\n", e.message.c_str());
     return kUsage;
