@@ -37,7 +37,7 @@ void PrintTo(const Hit &h, std::ostream *os) {
 
 // Callbacks are told apart by their address, so each slot is its own function.
 std::vector<Hit> g_hits;
-std::function<void()> g_action[4];
+std::function<void()> g_action[5];
 
 template <int N>
 void Cb(int first, int second, int third, void *user_data) {
@@ -46,7 +46,7 @@ void Cb(int first, int second, int third, void *user_data) {
   if (action) action();
 }
 
-constexpr kova_best_quality_zone_switched_cb kCb[] = {Cb<0>, Cb<1>, Cb<2>, Cb<3>};
+constexpr kova_best_quality_zone_switched_cb kCb[] = {Cb<0>, Cb<1>, Cb<2>, Cb<3>, Cb<4>};
 
 std::string P(kova_best_quality_zone_switched_cb cb) {
   char buf[32];
@@ -55,6 +55,9 @@ std::string P(kova_best_quality_zone_switched_cb cb) {
 }
 
 void *Ud(int n) { return reinterpret_cast<void *>(static_cast<intptr_t>(0x100 + n)); }
+int Reg(int n, int ud) { return kova_register_best_quality_zone_switched_callback(kCb[n], Ud(ud)); }
+int Reg(int n) { return Reg(n, n); }
+int Unreg(int n) { return kova_unregister_best_quality_zone_switched_callback(kCb[n]); }
 
 class BestZoneTest : public KovaTest {
  protected:
@@ -68,9 +71,7 @@ class BestZoneTest : public KovaTest {
     // A delivery may have emptied the registry and left the subscription:
     // register and unregister once more, so that the next test starts with
     // no subscription.
-    if (kova_register_best_quality_zone_switched_callback(Cb<3>, nullptr) == 0) {
-      kova_unregister_best_quality_zone_switched_callback(Cb<3>);
-    }
+    if (Reg(4) == 0) Unreg(4);
     KovaTest::TearDown();
   }
 
@@ -81,6 +82,13 @@ class BestZoneTest : public KovaTest {
     const int before = doubles::CountLog(received, doubles::kInfo);
     Emit(kSignal, g_variant_new("(iii)", first, second, third));
     ASSERT_TRUE(WaitUntil([&] { return doubles::CountLog(received, doubles::kInfo) > before; })) << received;
+  }
+  // Emits a switch and proves that nothing received it.
+  void SwitchUnheard() {
+    const size_t hits = g_hits.size();
+    Emit(kSignal, g_variant_new("(iii)", 7, 7, 7));
+    Sync();
+    EXPECT_EQ(g_hits.size(), hits);
   }
 
   static std::vector<int> Callers() {
@@ -93,8 +101,6 @@ class BestZoneTest : public KovaTest {
     return doubles::CountLogPrefix("unsubscribe best quality zone switched (", doubles::kInfo);
   }
 };
-
-// ---- Switch and restore ----
 
 TEST_F(BestZoneTest, SwitchAndRestoreReturnTheServiceInteger) {
   struct Request {
@@ -147,14 +153,29 @@ TEST_F(BestZoneTest, SwitchAndRestoreReturnTheServiceInteger) {
   EXPECT_EQ(service().CallCount(), 0u);
 }
 
-// ---- Registry ----
-
 TEST_F(BestZoneTest, CallbacksGetTheSignalInRegistrationOrderThroughOneSubscription) {
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1)), 0);
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  // Refusals touch neither the registry nor the bus.
+  EXPECT_EQ(Unreg(2), -1);
+  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "not registered cb (" + P(Cb<2>) + ")"));
+  EXPECT_EQ(doubles::Logs()[1].priority, doubles::kError);
+  doubles::ClearLogs();
+  EXPECT_EQ(kova_register_best_quality_zone_switched_callback(nullptr, Ud(0)), -1);
+  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "invalid param"));
+  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(nullptr), -1);
+  Sync();
+  EXPECT_EQ(service().CallCount(), 0u);
+  doubles::ClearLogs();
+  ASSERT_EQ(Reg(1), 0);
+  ASSERT_EQ(Reg(0), 0);
   EXPECT_EQ(doubles::CountLog("cb added (" + P(Cb<1>) + ")", doubles::kInfo), 1);
   EXPECT_EQ(doubles::CountLog("cb added (" + P(Cb<0>) + ")", doubles::kInfo), 1);
   EXPECT_EQ(Subscribes(), 1);
+
+  // A second registration of the same callback keeps the first user data.
+  doubles::ClearLogs();
+  EXPECT_EQ(Reg(0, 9), -1);
+  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "already registered callback (" + P(Cb<0>) + ")"));
+  EXPECT_EQ(doubles::Logs()[1].priority, doubles::kError);
 
   doubles::ClearLogs();
   Switch(4, 5, 6);
@@ -165,52 +186,27 @@ TEST_F(BestZoneTest, CallbacksGetTheSignalInRegistrationOrderThroughOneSubscript
 
   // The last unregistration drops the subscription: nothing arrives any more.
   doubles::ClearLogs();
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<1>), 0);
+  EXPECT_EQ(Unreg(1), 0);
   EXPECT_EQ(Unsubscribes(), 0);
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+  EXPECT_EQ(Unreg(0), 0);
   EXPECT_EQ(doubles::CountLog("cb removed (" + P(Cb<0>) + ")", doubles::kInfo), 1);
   ASSERT_EQ(Unsubscribes(), 1);
-  Emit(kSignal, g_variant_new("(iii)", 7, 7, 7));
-  Sync();
-  EXPECT_EQ(g_hits.size(), 2u);
+  SwitchUnheard();
   EXPECT_EQ(doubles::CountLogPrefix("signal (BestQualitZoneSwitched) received"), 0);
 
   // Registering again subscribes anew.
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<2>, Ud(2)), 0);
+  ASSERT_EQ(Reg(2), 0);
   EXPECT_EQ(Subscribes(), 1);
   Switch(8);
   EXPECT_EQ(g_hits.back(), (Hit{2, 8, 0, 0, Ud(2)}));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), 0);
-}
-
-TEST_F(BestZoneTest, DoubleRegistrationKeepsTheFirst) {
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
-  doubles::ClearLogs();
-  EXPECT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(9)), -1);
-  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "already registered callback (" + P(Cb<0>) + ")"));
-  EXPECT_EQ(doubles::Logs()[1].priority, doubles::kError);
-  Switch(1);
-  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
-}
-
-TEST_F(BestZoneTest, UnregisteringWhatIsNotRegisteredAndRegisteringNull) {
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), -1);
-  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "not registered cb (" + P(Cb<2>) + ")"));
-  EXPECT_EQ(doubles::Logs()[1].priority, doubles::kError);
-  doubles::ClearLogs();
-  EXPECT_EQ(kova_register_best_quality_zone_switched_callback(nullptr, Ud(0)), -1);
-  EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "invalid param"));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(nullptr), -1);
-  Sync();
-  EXPECT_EQ(service().CallCount(), 0u);
+  EXPECT_EQ(Unreg(2), 0);
 }
 
 TEST_F(BestZoneTest, CallbackUnregisteringItselfIsRemovedWhenTheDeliveryEnds) {
   int result[2] = {99, 99};
-  g_action[0] = [&] { result[0] = kova_unregister_best_quality_zone_switched_callback(Cb<0>); };
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1)), 0);
+  g_action[0] = [&] { result[0] = Unreg(0); };
+  ASSERT_EQ(Reg(0), 0);
+  ASSERT_EQ(Reg(1), 0);
   doubles::ClearLogs();
   Switch(1);
   EXPECT_EQ(result[0], 0);
@@ -220,97 +216,61 @@ TEST_F(BestZoneTest, CallbackUnregisteringItselfIsRemovedWhenTheDeliveryEnds) {
   EXPECT_EQ(doubles::CountLogPrefix("not registered cb"), 0);
   Switch(2);
   EXPECT_THAT(Callers(), ElementsAre(0, 1, 1));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), -1);  // gone
+  EXPECT_EQ(Unreg(0), -1);  // gone
 
   // The last one unregistering itself: its record stays until the delivery
   // ends, so the subscription stays too, for the next registration to reuse.
-  g_action[1] = [&] { result[1] = kova_unregister_best_quality_zone_switched_callback(Cb<1>); };
+  g_action[1] = [&] { result[1] = Unreg(1); };
   Switch(3);
   EXPECT_EQ(result[1], 0);
   EXPECT_TRUE(doubles::HasLog("remove inactive cb(" + P(Cb<1>) + ")"));
   EXPECT_EQ(Unsubscribes(), 0);
   doubles::ClearLogs();
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<2>, Ud(2)), 0);
+  ASSERT_EQ(Reg(2), 0);
   EXPECT_EQ(Subscribes(), 0);
   Switch(4);
   EXPECT_THAT(Callers(), ElementsAre(0, 1, 1, 1, 2));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), 0);
+  EXPECT_EQ(Unreg(2), 0);
   EXPECT_EQ(Unsubscribes(), 1);
-  Emit(kSignal, g_variant_new("(iii)", 5, 0, 0));
-  Sync();
-  EXPECT_EQ(g_hits.size(), 5u);
+  SwitchUnheard();
 }
 
-TEST_F(BestZoneTest, UnregisteringALaterCallbackSkipsIt) {
-  int first = 99;
-  int second = 99;
+TEST_F(BestZoneTest, RegistryChangesDuringADeliveryTakeEffectFromTheNextOne) {
+  // While the switch is delivered, cb0 unregisters cb1 (still to come) twice,
+  // takes cb2 (still to come) and itself (already called) out and back in with
+  // new user data, and registers cb3.
+  int results[7];
   g_action[0] = [&] {
-    first = kova_unregister_best_quality_zone_switched_callback(Cb<1>);
-    second = kova_unregister_best_quality_zone_switched_callback(Cb<1>);
+    int *r = results;
+    for (int n : {1, 1, 2}) *r++ = Unreg(n);
+    *r++ = Reg(2, 12);
+    *r++ = Unreg(0);
+    *r++ = Reg(0, 10);
+    *r++ = Reg(3);
     g_action[0] = nullptr;
   };
-  for (int i : {0, 1, 2}) ASSERT_EQ(kova_register_best_quality_zone_switched_callback(kCb[i], Ud(i)), 0);
+  for (int i : {0, 1, 2}) ASSERT_EQ(Reg(i), 0);
+  EXPECT_EQ(Subscribes(), 1);
   doubles::ClearLogs();
   Switch(1);
-  EXPECT_THAT(Callers(), ElementsAre(0, 2));
-  EXPECT_EQ(first, 0);
-  EXPECT_EQ(second, -1);  // already unregistered
+  EXPECT_THAT(results, ElementsAre(0, -1, 0, 0, 0, 0, 0));
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}, Hit{2, 1, 0, 0, Ud(12)}));
   EXPECT_EQ(doubles::CountLog("not registered cb (" + P(Cb<1>) + ")", doubles::kError), 1);
   EXPECT_EQ(doubles::CountLog("unregistered cb (" + P(Cb<1>) + ")", doubles::kError), 1);
   EXPECT_EQ(doubles::CountLog("remove inactive cb(" + P(Cb<1>) + ")", doubles::kInfo), 1);
-  EXPECT_EQ(doubles::CountLogPrefix("call cb(" + P(Cb<1>) + ")"), 0);
-
-  Switch(2);
-  EXPECT_THAT(Callers(), ElementsAre(0, 2, 0, 2));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), 0);
-}
-
-TEST_F(BestZoneTest, CallbackRegisteredDuringADeliveryIsCalledFromTheNextOne) {
-  int result = 99;
-  g_action[0] = [&] {
-    result = kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1));
-    g_action[0] = nullptr;
-  };
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
-  Switch(1);
-  EXPECT_EQ(result, 0);
-  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}));
-  Switch(2);
-  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}, Hit{0, 2, 0, 0, Ud(0)}, Hit{1, 2, 0, 0, Ud(1)}));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<1>), 0);
-  EXPECT_EQ(Subscribes(), 1);
-  EXPECT_EQ(Unsubscribes(), 1);
-}
-
-TEST_F(BestZoneTest, UnregisteredAndRegisteredAgainDuringADeliveryKeepsItsRecordWithTheNewUserData) {
-  // cb0 takes cb1 (still to come) and itself (already called) out and back in.
-  g_action[0] = [&] {
-    EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<1>), 0);
-    EXPECT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(11)), 0);
-    EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
-    EXPECT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(10)), 0);
-    g_action[0] = nullptr;
-  };
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1)), 0);
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<2>, Ud(2)), 0);
-  doubles::ClearLogs();
-  Switch(1);
-  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, Ud(0)}, Hit{1, 1, 0, 0, Ud(11)}, Hit{2, 1, 0, 0, Ud(2)}));
-  for (int i : {0, 1}) {
+  for (int i : {0, 2}) {
     EXPECT_EQ(doubles::CountLog("cb (" + P(kCb[i]) + ") is being invoked", doubles::kInfo), 1);
     EXPECT_EQ(doubles::CountLog("cb activated (" + P(kCb[i]) + ")", doubles::kInfo), 1);
+    EXPECT_EQ(doubles::CountLog("remove inactive cb(" + P(kCb[i]) + ")"), 0);
+    EXPECT_EQ(doubles::CountLog("cb added (" + P(kCb[i]) + ")"), 0);
   }
-  EXPECT_EQ(doubles::CountLogPrefix("remove inactive cb"), 0);
-  EXPECT_EQ(doubles::CountLogPrefix("cb added"), 0);
-
   g_hits.clear();
   Switch(2);
-  // Same records, same order, new user data.
-  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 2, 0, 0, Ud(10)}, Hit{1, 2, 0, 0, Ud(11)}, Hit{2, 2, 0, 0, Ud(2)}));
-  for (int i : {0, 1, 2}) EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(kCb[i]), 0);
+  // The same records in the same order, with the new user data, then cb3.
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 2, 0, 0, Ud(10)}, Hit{2, 2, 0, 0, Ud(12)}, Hit{3, 2, 0, 0, Ud(3)}));
+  for (int i : {0, 2, 3}) EXPECT_EQ(Unreg(i), 0);
+  EXPECT_EQ(Unreg(1), -1);
+  EXPECT_EQ(Subscribes(), 0);  // the first one served throughout
   EXPECT_EQ(Unsubscribes(), 1);
 }
 
@@ -320,8 +280,8 @@ TEST_F(BestZoneTest, RegistryMutexIsNotHeldWhileACallbackRuns) {
   std::atomic<int> other_result{99};
   g_action[0] = [&] {
     auto done = std::async(std::launch::async, [&] {
-      other_result = kova_unregister_best_quality_zone_switched_callback(Cb<1>);
-      kova_register_best_quality_zone_switched_callback(Cb<2>, Ud(2));
+      other_result = Unreg(1);
+      Reg(2);
     });
     ASSERT_EQ(done.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     // A bus call from inside a callback.
@@ -329,20 +289,20 @@ TEST_F(BestZoneTest, RegistryMutexIsNotHeldWhileACallbackRuns) {
     EXPECT_EQ(kova_restore_best_quality_zone(), 0);
     g_action[0] = nullptr;
   };
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<1>, Ud(1)), 0);
+  ASSERT_EQ(Reg(0), 0);
+  ASSERT_EQ(Reg(1), 0);
   Switch(1);
   EXPECT_EQ(other_result, 0);
   EXPECT_THAT(Callers(), ElementsAre(0));
   EXPECT_TRUE(doubles::HasLog("unregistered cb (" + P(Cb<1>) + ")", doubles::kError));
   Switch(2);
   EXPECT_THAT(Callers(), ElementsAre(0, 0, 2));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<2>), 0);
+  EXPECT_EQ(Unreg(0), 0);
+  EXPECT_EQ(Unreg(2), 0);
 }
 
 TEST_F(BestZoneTest, MalformedSignalIsIgnoredWithAnError) {
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  ASSERT_EQ(Reg(0), 0);
   Emit(kSignal, g_variant_new("(ii)", 1, 2));
   Emit(kSignal, g_variant_new("(s)", "1"));
   Emit(kSignal, nullptr);
@@ -350,22 +310,21 @@ TEST_F(BestZoneTest, MalformedSignalIsIgnoredWithAnError) {
   EXPECT_THAT(g_hits, IsEmpty());
   EXPECT_EQ(doubles::CountLog("signal (BestQualitZoneSwitched) ignored, unexpected type ((ii))", doubles::kError), 1);
   EXPECT_EQ(doubles::CountLogPrefix("signal (BestQualitZoneSwitched) ignored, unexpected type", doubles::kError), 3);
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+  EXPECT_EQ(Unreg(0), 0);
 }
 
 TEST_F(BestZoneTest, FirstSubscriptionAndLastUnsubscriptionRaceSafely) {
   // Two threads register and unregister their own callback over and over, so
   // the registry keeps passing between empty and non-empty on both threads.
-  constexpr int kRounds = 300;
   std::atomic<int> failures{0};
-  auto churn = [&failures](kova_best_quality_zone_switched_cb cb) {
-    for (int i = 0; i < kRounds; ++i) {
-      if (kova_register_best_quality_zone_switched_callback(cb, nullptr) != 0) ++failures;
-      if (kova_unregister_best_quality_zone_switched_callback(cb) != 0) ++failures;
+  auto churn = [&failures](int n) {
+    for (int i = 0; i < 300; ++i) {
+      if (kova_register_best_quality_zone_switched_callback(kCb[n], nullptr) != 0) ++failures;
+      if (Unreg(n) != 0) ++failures;
     }
   };
-  std::thread a(churn, Cb<1>);
-  std::thread b(churn, Cb<2>);
+  std::thread a(churn, 1);
+  std::thread b(churn, 2);
   a.join();
   b.join();
   EXPECT_EQ(failures, 0);
@@ -392,11 +351,11 @@ TEST_F(BestZoneTest, FirstSubscriptionAndLastUnsubscriptionRaceSafely) {
   EXPECT_GE(made, 2);
 
   // Afterwards exactly one subscription delivers each switch exactly once.
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(Cb<0>, Ud(0)), 0);
+  ASSERT_EQ(Reg(0), 0);
   Switch(5);
   Sync();
   EXPECT_THAT(g_hits, ElementsAre(Hit{0, 5, 0, 0, Ud(0)}));
-  EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(Cb<0>), 0);
+  EXPECT_EQ(Unreg(0), 0);
 }
 
 }  // namespace

@@ -66,10 +66,10 @@ class ZonesTest : public KovaTest {
   }
 };
 
-TEST_F(ZonesTest, ListQueriesKeepTheReplyOrder) {
+TEST_F(ZonesTest, ListQueriesKeepTheReplyOrderOrGiveNoList) {
+  void *const untouched = reinterpret_cast<void *>(0x1);
   const std::vector<std::vector<Z>> replies = {
       {},
-      {{4, 40, "app.one"}},
       {{3, 30, "app.c"}, {1, 10, ""}, {7, 70, "app.a"}, {-2, -20, "app.neg"}},
   };
   for (const ListQuery &q : kQueries) {
@@ -77,7 +77,6 @@ TEST_F(ZonesTest, ListQueriesKeepTheReplyOrder) {
       SCOPED_TRACE(std::string(q.name) + " with " + std::to_string(zones.size()) + " zones");
       service().Set(q.method, Answer::Value(ListReply(zones, q.with_scaler)));
       doubles::ClearLogs();
-      void *const untouched = reinterpret_cast<void *>(0x1);
       void *list = untouched;
       const int result = q.fn(&list);
 
@@ -114,89 +113,60 @@ TEST_F(ZonesTest, ListQueriesKeepTheReplyOrder) {
       EXPECT_EQ(walked, want);
       EXPECT_EQ(kova_free_zone_list(list), 0);
     }
-  }
-}
-
-TEST_F(ZonesTest, FailedOrMalformedListReplyGivesNoList) {
-  for (const ListQuery &q : kQueries) {
     // An error reply, then replies of the other query's type and of no list at all.
-    const Answer answers[] = {Answer::Error("org.zelta.Error.Failed", "no"),
-                              Answer::Value(ListReply({{1, 2, "x"}}, !q.with_scaler)),
-                              Answer::Value(g_variant_new("(i)", 3))};
-    for (const Answer &answer : answers) {
+    for (const Answer &answer : {Answer::Error("org.zelta.Error.Failed", "no"),
+                                 Answer::Value(ListReply({{1, 2, "x"}}, !q.with_scaler)),
+                                 Answer::Value(g_variant_new("(i)", 3))}) {
       service().Set(q.method, answer);
       doubles::ClearLogs();
-      void *const untouched = reinterpret_cast<void *>(0x1);
       void *list = untouched;
       EXPECT_EQ(q.fn(&list), -1) << q.name;
       EXPECT_EQ(list, untouched);
-      const std::string cmd = Hex(LastCall(q.method).args.i32(0));
-      EXPECT_EQ(doubles::CountLog("[" + cmd + "] _kova_dbus_method_call() for " + q.what + " is failed",
-                                  doubles::kError),
-                1)
+      const std::string cmd = "[" + Hex(LastCall(q.method).args.i32(0)) + "] ";
+      EXPECT_EQ(doubles::CountLog(cmd + "_kova_dbus_method_call() for " + q.what + " is failed", doubles::kError), 1)
           << q.name;
       if (answer.kind == Answer::Kind::kValue) {
-        EXPECT_EQ(doubles::CountLogPrefix("[" + cmd + "] (" + q.method + ") unexpected reply type", doubles::kError),
-                  1);
+        EXPECT_EQ(doubles::CountLogPrefix(cmd + "(" + q.method + ") unexpected reply type", doubles::kError), 1);
       }
     }
   }
 }
 
-TEST_F(ZonesTest, WalkForwardPastTheEndAndBack) {
+TEST_F(ZonesTest, WalksShareOnePositionThatStopsAtBothEnds) {
   void *list = MakeList({{1, 10, "a"}, {2, 20, "b"}, {3, 30, "c"}});
   kova_zone *zone = nullptr;
   EXPECT_EQ(kova_get_prev_zone(list, &zone), -1);  // walk not started
   EXPECT_EQ(zone, nullptr);
   EXPECT_THAT(doubles::Messages(), ElementsAre(">>", "no prev zone"));
-
-  for (int id : {1, 2, 3}) {
-    ASSERT_EQ(kova_get_next_zone(list, &zone), 0);
-    EXPECT_EQ(zone->id, id);
-  }
-  kova_zone *const last = zone;
+  EXPECT_EQ(doubles::Logs()[1].priority, doubles::kInfo);
+  // Both walks move the same position.
+  EXPECT_EQ(kova_resource_zone_list_get_next(list)->id, 1);
+  ASSERT_EQ(kova_get_next_zone(list, &zone), 0);
+  EXPECT_EQ(zone->id, 2);
+  kova_zone *const third = kova_resource_zone_list_get_next(list);
+  ASSERT_NE(third, nullptr);
+  EXPECT_EQ(third->id, 3);
   doubles::ClearLogs();
   EXPECT_EQ(kova_get_next_zone(list, &zone), -1);
-  EXPECT_EQ(kova_get_next_zone(list, &zone), -1);
-  EXPECT_EQ(zone, last);
-  EXPECT_EQ(doubles::CountLog("no next zone", doubles::kInfo), 2);
-
+  EXPECT_EQ(zone->id, 2);
+  EXPECT_EQ(doubles::CountLog("no next zone", doubles::kInfo), 1);
+  doubles::ClearLogs();
+  EXPECT_EQ(kova_resource_zone_list_get_next(list), nullptr);
+  EXPECT_THAT(doubles::Messages(), ElementsAre("no next zone"));
+  EXPECT_EQ(doubles::Logs()[0].priority, doubles::kError);
   // The walk stayed on the last zone.
   ASSERT_EQ(kova_get_prev_zone(list, &zone), 0);
   EXPECT_EQ(zone->id, 2);
   ASSERT_EQ(kova_get_prev_zone(list, &zone), 0);
   EXPECT_EQ(zone->id, 1);
-  doubles::ClearLogs();
   EXPECT_EQ(kova_get_prev_zone(list, &zone), -1);
   EXPECT_EQ(zone->id, 1);
-  EXPECT_TRUE(doubles::HasLog("no prev zone", doubles::kInfo));
   ASSERT_EQ(kova_get_next_zone(list, &zone), 0);
   EXPECT_EQ(zone->id, 2);
-
+  EXPECT_EQ(kova_resource_zone_list_get_next(list), third);
   int id = 0;
   EXPECT_EQ(kova_get_zone_id(zone, &id), 0);
   EXPECT_EQ(id, 2);
-  EXPECT_EQ(kova_free_resource_zone_list(list), 0);
-}
-
-TEST_F(ZonesTest, ResourceWalkSharesThePositionAndAccessors) {
-  void *list = MakeList({{1, 10, "a"}, {2, 20, "b"}, {3, 30, "c"}});
-  kova_zone *zone = nullptr;
-  kova_zone *first = kova_resource_zone_list_get_next(list);
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(first->id, 1);
-  ASSERT_EQ(kova_get_next_zone(list, &zone), 0);
-  EXPECT_EQ(zone->id, 2);
-  kova_zone *third = kova_resource_zone_list_get_next(list);
-  ASSERT_NE(third, nullptr);
-  EXPECT_EQ(third->id, 3);
-  doubles::ClearLogs();
-  EXPECT_EQ(kova_resource_zone_list_get_next(list), nullptr);
-  EXPECT_THAT(doubles::Messages(), ElementsAre("no next zone"));
-  EXPECT_EQ(doubles::Logs()[0].priority, doubles::kError);
-  ASSERT_EQ(kova_get_prev_zone(list, &zone), 0);
-  EXPECT_EQ(zone->id, 2);
-  EXPECT_EQ(kova_resource_zone_list_get_next(list), third);
 
   doubles::ClearLogs();
   EXPECT_EQ(kova_zone_get_id(third), 3);
@@ -205,13 +175,10 @@ TEST_F(ZonesTest, ResourceWalkSharesThePositionAndAccessors) {
   EXPECT_EQ(kova_resource_zone_get_scaler_id(third), 30);
   EXPECT_EQ(kova_resource_zone_get_app_id(third), third->app_id);  // borrowed, not copied
   EXPECT_STREQ(kova_zone_get_app_id(third), "c");
-  EXPECT_THAT(doubles::Messages(), ElementsAre("(c)", "(c)"));
-  EXPECT_EQ(kova_free_zone_list(list), 0);
-
   kova_zone no_app = {6, 60, nullptr};
-  doubles::ClearLogs();
   EXPECT_EQ(kova_zone_get_app_id(&no_app), nullptr);
-  EXPECT_THAT(doubles::Messages(), ElementsAre("(empty)"));
+  EXPECT_THAT(doubles::Messages(), ElementsAre("(c)", "(c)", "(empty)"));
+  EXPECT_EQ(kova_free_resource_zone_list(list), 0);
 }
 
 TEST_F(ZonesTest, NullArguments) {
@@ -219,53 +186,48 @@ TEST_F(ZonesTest, NullArguments) {
   kova_zone *zone = kova_resource_zone_list_get_next(list);
   int id = 0;
   struct Case {
-    const char *name;
     std::function<long()> call;
     long result;
     const char *log;  // nullptr: no log line at all
   };
   const Case cases[] = {
-      {"get_zone_list", [] { return kova_get_zone_list(nullptr); }, -2, "invalid param"},
-      {"get_resource_zone_list", [] { return kova_get_resource_zone_list(nullptr); }, -2, "invalid param"},
-      {"get_multiview_zone_list", [] { return kova_get_multiview_zone_list(nullptr); }, -2, "invalid param"},
-      {"next_zone_list", [&] { return kova_get_next_zone(nullptr, &zone); }, -2, "invalid param"},
-      {"next_zone_out", [&] { return kova_get_next_zone(list, nullptr); }, -2, "invalid param"},
-      {"prev_zone_list", [&] { return kova_get_prev_zone(nullptr, &zone); }, -1, "invalid param"},
-      {"prev_zone_out", [&] { return kova_get_prev_zone(list, nullptr); }, -1, "invalid param"},
-      {"zone_id_zone", [&] { return kova_get_zone_id(nullptr, &id); }, -1, "invalid param"},
-      {"zone_id_out", [&] { return kova_get_zone_id(zone, nullptr); }, -1, "invalid param"},
-      {"free_zone_list", [] { return kova_free_zone_list(nullptr); }, -2, "invalid param"},
-      {"free_resource_zone_list", [] { return kova_free_resource_zone_list(nullptr); }, -2, "invalid param"},
-      {"zone_get_id", [] { return kova_zone_get_id(nullptr); }, -1, "invalid zone"},
-      {"zone_get_scaler_id", [] { return kova_zone_get_scaler_id(nullptr); }, -1, "invalid zone"},
-      {"zone_get_app_id", [] { return kova_zone_get_app_id(nullptr) == nullptr ? 0L : 1L; }, 0, "invalid zone"},
-      {"zone_free", [] { return (kova_zone_free(nullptr), 0L); }, 0, "invalid zone"},
-      {"resource_zone_free", [] { return (kova_resource_zone_free(nullptr), 0L); }, 0, "invalid zone"},
-      {"resource_zone_get_id", [] { return kova_resource_zone_get_id(nullptr); }, -2, nullptr},
-      {"resource_zone_get_scaler_id", [] { return kova_resource_zone_get_scaler_id(nullptr); }, -2, nullptr},
-      {"resource_zone_get_app_id", [] { return kova_resource_zone_get_app_id(nullptr) == nullptr ? 0L : 1L; }, 0,
-       "invalid param"},
-      {"resource_zone_list_get_next", [] { return kova_resource_zone_list_get_next(nullptr) == nullptr ? 0L : 1L; },
-       0, "invalid param"},
-      {"focused_zone", [] { return kova_get_focused_zone(nullptr); }, -1, "invalid zone"},
-      {"set_app_zone_info", [] { return kova_set_app_zone_info(nullptr, 1); }, -1, "invalid param"},
-      {"remove_app_zone_info", [] { return kova_remove_app_zone_info(nullptr, 1); }, -1, "invalid param"},
-      {"pre_assigned", [] { return kova_set_pre_assigned_app_zone_info(nullptr, 1); }, -1, "invalid param"},
-      {"removable", [] { return kova_set_removable_app_zone_info(nullptr, 1); }, -1, "invalid param"},
-      {"set_app_not_utf8", [] { return kova_set_app_zone_info("\xff\xfe", 1); }, -1, "invalid param"},
-      {"removable_not_utf8", [] { return kova_set_removable_app_zone_info("\xc3", 1); }, -1, "invalid param"},
+      {[] { return kova_get_zone_list(nullptr); }, -2, "invalid param"},
+      {[] { return kova_get_resource_zone_list(nullptr); }, -2, "invalid param"},
+      {[] { return kova_get_multiview_zone_list(nullptr); }, -2, "invalid param"},
+      {[&] { return kova_get_next_zone(nullptr, &zone); }, -2, "invalid param"},
+      {[&] { return kova_get_next_zone(list, nullptr); }, -2, "invalid param"},
+      {[&] { return kova_get_prev_zone(nullptr, &zone); }, -1, "invalid param"},
+      {[&] { return kova_get_prev_zone(list, nullptr); }, -1, "invalid param"},
+      {[&] { return kova_get_zone_id(nullptr, &id); }, -1, "invalid param"},
+      {[&] { return kova_get_zone_id(zone, nullptr); }, -1, "invalid param"},
+      {[] { return kova_free_zone_list(nullptr); }, -2, "invalid param"},
+      {[] { return kova_free_resource_zone_list(nullptr); }, -2, "invalid param"},
+      {[] { return kova_zone_get_id(nullptr); }, -1, "invalid zone"},
+      {[] { return kova_zone_get_scaler_id(nullptr); }, -1, "invalid zone"},
+      {[] { return kova_zone_get_app_id(nullptr) == nullptr ? 0L : 1L; }, 0, "invalid zone"},
+      {[] { return (kova_zone_free(nullptr), 0L); }, 0, "invalid zone"},
+      {[] { return (kova_resource_zone_free(nullptr), 0L); }, 0, "invalid zone"},
+      {[] { return kova_resource_zone_get_id(nullptr); }, -2, nullptr},
+      {[] { return kova_resource_zone_get_scaler_id(nullptr); }, -2, nullptr},
+      {[] { return kova_resource_zone_get_app_id(nullptr) == nullptr ? 0L : 1L; }, 0, "invalid param"},
+      {[] { return kova_resource_zone_list_get_next(nullptr) == nullptr ? 0L : 1L; }, 0, "invalid param"},
+      {[] { return kova_get_focused_zone(nullptr); }, -1, "invalid zone"},
+      {[] { return kova_set_app_zone_info(nullptr, 1); }, -1, "invalid param"},
+      {[] { return kova_remove_app_zone_info(nullptr, 1); }, -1, "invalid param"},
+      {[] { return kova_set_pre_assigned_app_zone_info(nullptr, 1); }, -1, "invalid param"},
+      {[] { return kova_set_removable_app_zone_info(nullptr, 1); }, -1, "invalid param"},
+      {[] { return kova_set_app_zone_info("\xff\xfe", 1); }, -1, "invalid param"},
+      {[] { return kova_set_removable_app_zone_info("\xc3", 1); }, -1, "invalid param"},
   };
   for (const Case &c : cases) {
+    SCOPED_TRACE(&c - cases);
     doubles::ClearLogs();
-    EXPECT_EQ(c.call(), c.result) << c.name;
-    std::vector<doubles::LogLine> logs = doubles::Logs();
+    EXPECT_EQ(c.call(), c.result);
     if (c.log == nullptr) {
-      EXPECT_THAT(doubles::Messages(), IsEmpty()) << c.name;
+      EXPECT_THAT(doubles::Messages(), IsEmpty());
     } else {
-      EXPECT_THAT(doubles::Messages(), ElementsAre(c.log)) << c.name;
-      if (!logs.empty()) {
-        EXPECT_EQ(logs[0].priority, doubles::kError) << c.name;
-      }
+      EXPECT_THAT(doubles::Messages(), ElementsAre(c.log));
+      EXPECT_EQ(doubles::CountLog(c.log, doubles::kError), 1);
     }
   }
   Sync();
@@ -380,25 +342,28 @@ TEST_F(ZonesTest, FocusedZoneIsANewRecordOfTheCaller) {
   EXPECT_EQ(call.signature, "(i)");
   EXPECT_THAT(doubles::Messages(), ElementsAre("Method call 'GetFocusedZone'",
                                                "[" + Hex(call.args.i32(0)) + "] focused zone (3:30:org.focus)"));
-  // A second query gives a second record.
+  // A second query, also through the audio focus zone, gives a second record.
   kova_zone *again = nullptr;
-  ASSERT_EQ(kova_get_focused_zone(&again), 0);
+  ASSERT_EQ(kova_get_audio_focus_zone(&again), 0);
   EXPECT_NE(again, zone);
   EXPECT_NE(again->app_id, zone->app_id);
+  EXPECT_EQ(Read(again), (Z{3, 30, "org.focus"}));
   kova_zone_free(zone);
   kova_resource_zone_free(again);
 
+  // A failure is -1 from both, whatever the query answered.
   kova_zone *const untouched = reinterpret_cast<kova_zone *>(0x1);
-  const Answer failures[] = {Answer::Error("org.zelta.Error.Failed", "no"),
-                             Answer::Value(g_variant_new("(ii)", 3, 30))};
-  for (const Answer &a : failures) {
+  for (const Answer &a : {Answer::Error("org.zelta.Error.Failed", "no"), Answer::Value(g_variant_new("(ii)", 3, 30))}) {
     service().Set("GetFocusedZone", a);
-    zone = untouched;
-    EXPECT_EQ(kova_get_focused_zone(&zone), -1);
-    EXPECT_EQ(zone, untouched);
-    EXPECT_TRUE(doubles::HasLog(
-        "[" + Hex(LastCall("GetFocusedZone").args.i32(0)) + "] _kova_dbus_method_call() for GET_FOCUSED_ZONE is failed",
-        doubles::kError));
+    for (auto fn : {kova_get_focused_zone, kova_get_audio_focus_zone}) {
+      doubles::ClearLogs();
+      zone = untouched;
+      EXPECT_EQ(fn(&zone), -1);
+      EXPECT_EQ(zone, untouched);
+      EXPECT_TRUE(doubles::HasLog("[" + Hex(LastCall("GetFocusedZone").args.i32(0)) +
+                                      "] _kova_dbus_method_call() for GET_FOCUSED_ZONE is failed",
+                                  doubles::kError));
+    }
   }
 }
 
