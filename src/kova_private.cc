@@ -113,6 +113,9 @@ int _kova_dbus_method_call(const char *method, GVariant *args, GVariant **reply)
     release_args(args);
     return -1;
   }
+#ifdef KOVA_FUZZING
+  return kova_fuzz_method_call(method, args, reply);
+#endif
   GDBusConnection *c = _kova_dbus_get_connection();
   if (c == nullptr) {
     release_args(args);
@@ -143,6 +146,9 @@ int _kova_dbus_method_call_async_with_no_reply(const char *method, GVariant *arg
     release_args(args);
     return -1;
   }
+#ifdef KOVA_FUZZING
+  return kova_fuzz_method_call(method, args, nullptr);
+#endif
   GDBusConnection *c = _kova_dbus_get_connection();
   if (c == nullptr) {
     release_args(args);
@@ -176,12 +182,17 @@ int _kova_dbus_subscribe_signal(const char *signal, GDBusSignalCallback handler,
     KOVA_LOGE("Invalid Argument");
     return -1;
   }
+#ifdef KOVA_FUZZING
+  KOVA_LOGI("Dbus subscirbe signal %s", signal);
+  unsigned int sid = kova_fuzz_subscribe(signal, handler, user_data, free_func);
+#else
   GDBusConnection *c = _kova_dbus_get_connection();
   if (c == nullptr) return -1;
   KOVA_LOGI("Dbus subscirbe signal %s", signal);
   unsigned int sid = g_dbus_connection_signal_subscribe(c, nullptr, KOVA_DBUS_INTERFACE, signal, KOVA_DBUS_PATH,
                                                         nullptr, G_DBUS_SIGNAL_FLAGS_NONE, handler, user_data,
                                                         free_func);
+#endif
   if (sid == 0) {
     KOVA_LOGE("g_dbus_connection_signal_subscribe() failed ");
     return -1;
@@ -192,6 +203,10 @@ int _kova_dbus_subscribe_signal(const char *signal, GDBusSignalCallback handler,
 
 int _kova_dbus_unsubscribe_signal(unsigned int id) noexcept {
   if (id == 0) return 0;
+#ifdef KOVA_FUZZING
+  kova_fuzz_unsubscribe(id);
+  return 0;
+#endif
   GDBusConnection *c = _kova_dbus_get_connection();
   if (c == nullptr) return -1;
   KOVA_LOGI("unsubscribe start (%u)", id);

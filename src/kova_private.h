@@ -184,6 +184,45 @@ void _focus_changed_signal_cb(GDBusConnection *connection, const gchar *sender, 
 void _focus_changed_signal_cb_free(gpointer data) noexcept;
 }
 
+// ---- Signal handlers ----
+// Hidden like every internal function; declared here so that the fuzz
+// harnesses can feed them arbitrary parameters without a bus. The player,
+// focus and policy handlers take the subscription's cb_data; the others
+// dispatch to their process-wide registries and ignore user_data.
+extern "C" {
+void _dbus_player_video_signal_callback(GDBusConnection *connection, const gchar *sender, const gchar *path,
+                                        const gchar *iface, const gchar *signal, GVariant *params,
+                                        gpointer user_data) noexcept;
+void _dbus_player_audio_signal_callback(GDBusConnection *connection, const gchar *sender, const gchar *path,
+                                        const gchar *iface, const gchar *signal, GVariant *params,
+                                        gpointer user_data) noexcept;
+void _dbus_audio_focus_signal_callback(GDBusConnection *connection, const gchar *sender, const gchar *path,
+                                       const gchar *iface, const gchar *signal, GVariant *params,
+                                       gpointer user_data) noexcept;
+void _dbus_policy_changed_signal_callback(GDBusConnection *connection, const gchar *sender, const gchar *path,
+                                          const gchar *iface, const gchar *signal, GVariant *params,
+                                          gpointer user_data) noexcept;
+void onBestQualityZoneSwitched(GDBusConnection *connection, const gchar *sender, const gchar *path,
+                               const gchar *iface, const gchar *signal, GVariant *params, gpointer user_data) noexcept;
+void onRezChanged(GDBusConnection *connection, const gchar *sender, const gchar *path, const gchar *iface,
+                  const gchar *signal, GVariant *params, gpointer user_data) noexcept;
+void onMaxRezChanged(GDBusConnection *connection, const gchar *sender, const gchar *path, const gchar *iface,
+                     const gchar *signal, GVariant *params, gpointer user_data) noexcept;
+}
+
+#ifdef KOVA_FUZZING
+// Fuzz builds only: the bus is replaced by the harness. kova_fuzz_method_call
+// answers every call (reply null for the fire-and-forget ones) with the
+// contract of _kova_dbus_method_call; kova_fuzz_subscribe records a
+// subscription and returns its id (0 refuses it).
+extern "C" {
+int kova_fuzz_method_call(const char *method, GVariant *args, GVariant **reply) noexcept;
+unsigned int kova_fuzz_subscribe(const char *signal, GDBusSignalCallback handler, gpointer user_data,
+                                 GDestroyNotify free_func) noexcept;
+void kova_fuzz_unsubscribe(unsigned int id) noexcept;
+}
+#endif
+
 namespace kova {
 
 [[noreturn]] void alloc_failed(const char *what, const char *file, int line) noexcept;

@@ -62,8 +62,10 @@ GDBusConnection *shared_system_bus(const char *func) {
   return c;
 }
 
-void onBestQualityZoneSwitched(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal,
-                               GVariant *params, gpointer) noexcept {
+}  // namespace
+
+extern "C" void onBestQualityZoneSwitched(GDBusConnection *, const gchar *, const gchar *, const gchar *,
+                                          const gchar *signal, GVariant *params, gpointer) noexcept {
   if (!kova::signal_params_are(__func__, params, "(iii)", signal)) return;
   gint32 first = 0;
   gint32 second = 0;
@@ -117,8 +119,6 @@ void onBestQualityZoneSwitched(GDBusConnection *, const gchar *, const gchar *, 
   // The subscription stays even when the registry is now empty; the next
   // registration reuses it.
 }
-
-}  // namespace
 
 extern "C" {
 

@@ -25,13 +25,18 @@ bool read_focus_change(const char *func, GVariant *params, const char *iface, co
   return true;
 }
 
-void _dbus_audio_focus_signal_callback(GDBusConnection *, const gchar *, const gchar *, const gchar *iface,
-                                       const gchar *signal, GVariant *params, gpointer user_data) noexcept {
+}  // namespace
+
+extern "C" void _dbus_audio_focus_signal_callback(GDBusConnection *, const gchar *, const gchar *, const gchar *iface,
+                                                  const gchar *signal, GVariant *params,
+                                                  gpointer user_data) noexcept {
   FocusChange change;
   if (!read_focus_change(__func__, params, iface, signal, &change)) return;
   auto *data = static_cast<cb_data *>(user_data);
   reinterpret_cast<kova_player_audio_request_cb>(data->callback)(change.zone_id, data->user_data);
 }
+
+namespace {
 
 void audio_focus_cb_data_free_func(gpointer data) noexcept { g_free(data); }
 

@@ -59,6 +59,10 @@ void deliver_player_request(const char *func, GVariant *params, const char *ifac
   reinterpret_cast<kova_player_video_request_cb>(data->callback)(player_id, data->user_data);
 }
 
+}  // namespace
+
+extern "C" {
+
 void _dbus_player_video_signal_callback(GDBusConnection *, const gchar *, const gchar *, const gchar *iface,
                                         const gchar *signal, GVariant *params, gpointer user_data) noexcept {
   deliver_player_request(__func__, params, iface, signal, user_data);
@@ -68,6 +72,10 @@ void _dbus_player_audio_signal_callback(GDBusConnection *, const gchar *, const 
                                         const gchar *signal, GVariant *params, gpointer user_data) noexcept {
   deliver_player_request(__func__, params, iface, signal, user_data);
 }
+
+}  // extern "C"
+
+namespace {
 
 void player_video_cb_data_free_func(gpointer data) noexcept { g_free(data); }
 void player_audio_cb_data_free_func(gpointer data) noexcept { g_free(data); }

@@ -13,8 +13,11 @@ const char *owner_of(const kova_policy_info *info) {
 
 void policy_changed_cb_data_free_func(gpointer data) noexcept { g_free(data); }
 
-void _dbus_policy_changed_signal_callback(GDBusConnection *, const gchar *, const gchar *, const gchar *iface,
-                                          const gchar *signal, GVariant *params, gpointer user_data) noexcept {
+}  // namespace
+
+extern "C" void _dbus_policy_changed_signal_callback(GDBusConnection *, const gchar *, const gchar *,
+                                                     const gchar *iface, const gchar *signal, GVariant *params,
+                                                     gpointer user_data) noexcept {
   if (!kova::signal_params_are(__func__, params, "(iia(is))", signal)) return;
   gint32 cmd = 0;
   gint32 policy = 0;
@@ -42,8 +45,6 @@ void _dbus_policy_changed_signal_callback(GDBusConnection *, const gchar *, cons
   kova_app_list_free(list);
   g_variant_iter_free(apps);
 }
-
-}  // namespace
 
 namespace kova {
 

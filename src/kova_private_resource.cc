@@ -18,11 +18,6 @@ struct rez_change_cb {
   void *user_data;
 };
 
-void onRezChanged(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal, GVariant *params,
-                  gpointer) noexcept;
-void onMaxRezChanged(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal,
-                     GVariant *params, gpointer) noexcept;
-
 struct ResourceChange {
   using Callback = kova_resource_change_cb;
   using Record = rsc_change_cb;
@@ -115,6 +110,10 @@ unsigned int rez_change_signal_id = 0;
 kova::AppRegistry<ResourceChange> rsc_change_cbs{rsc_change_signal_id};
 kova::AppRegistry<MaxResolutionChange> rez_change_cbs{rez_change_signal_id};
 
+}  // namespace
+
+extern "C" {
+
 void onRezChanged(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *signal, GVariant *params,
                   gpointer) noexcept {
   rsc_change_cbs.dispatch(signal, params);
@@ -124,10 +123,6 @@ void onMaxRezChanged(GDBusConnection *, const gchar *, const gchar *, const gcha
                      GVariant *params, gpointer) noexcept {
   rez_change_cbs.dispatch(signal, params);
 }
-
-}  // namespace
-
-extern "C" {
 
 int _kova_register_resource_change_callback(const char *app_id, kova_resource_change_cb cb, void *user_data) noexcept {
   return rsc_change_cbs.register_callback(app_id, cb, user_data);
