@@ -82,7 +82,18 @@ FakeKova::~FakeKova() {
     g_dbus_connection_remove_filter(connection_, filter_id_);
     g_dbus_connection_close_sync(connection_, nullptr, nullptr);
   }
-  g_main_loop_quit(loop_);
+  // Quit from inside the loop: a quit that came before the thread entered
+  // g_main_loop_run would be lost.
+  GSource *quit = g_idle_source_new();
+  g_source_set_callback(
+      quit,
+      [](gpointer loop) -> gboolean {
+        g_main_loop_quit(static_cast<GMainLoop *>(loop));
+        return G_SOURCE_REMOVE;
+      },
+      loop_, nullptr);
+  g_source_attach(quit, context_);
+  g_source_unref(quit);
   thread_.join();
   if (connection_ != nullptr) g_object_unref(connection_);
   // Let the context run what closing the connection queued on it.
