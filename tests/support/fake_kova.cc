@@ -15,7 +15,14 @@ std::string Variant::text() const {
   return out;
 }
 
-Variant Variant::child(size_t i) const { return Variant(g_variant_get_child_value(v_, i)); }
+// Variant(v) sinks a floating reference or adds one; the child comes with a
+// full reference of its own, which is dropped once the Variant holds one.
+Variant Variant::child(size_t i) const {
+  GVariant *c = g_variant_get_child_value(v_, i);
+  Variant out(c);
+  g_variant_unref(c);
+  return out;
+}
 int Variant::i32(size_t i) const { return g_variant_get_int32(child(i).get()); }
 unsigned int Variant::u32(size_t i) const { return g_variant_get_uint32(child(i).get()); }
 std::string Variant::str(size_t i) const { return g_variant_get_string(child(i).get(), nullptr); }
@@ -173,7 +180,7 @@ GDBusMessage *FakeKova::Filter(GDBusConnection *, GDBusMessage *message, gboolea
   const char *sig = g_dbus_message_get_signature(message);
   call.signature = std::string("(") + (sig ? sig : "") + ")";
   GVariant *body = g_dbus_message_get_body(message);
-  call.args = Variant(body ? g_variant_ref(body) : g_variant_new("()"));
+  call.args = Variant(body ? body : g_variant_new("()"));  // adds its own reference to the body
   call.no_reply_expected = (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0;
   call.sender = g_dbus_message_get_sender(message) ? g_dbus_message_get_sender(message) : "";
   doubles::Note("call " + call.method);
