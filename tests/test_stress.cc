@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
