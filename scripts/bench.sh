@@ -4,7 +4,7 @@
 # RelWithDebInfo build, or $KOVA_BUILD_DIR).
 #
 #  - wall time and throughput: bench/kova-bench (Google Benchmark), library and
-#    bare GDBus side by side in one run, repetitions interleaved at random;
+#    bare GDBus side by side in one run, in alternating blocks;
 #  - client instructions: bench/kova-bench-driver under callgrind, a fixed
 #    number of calls per variant (repeatable on a busy machine).
 #
@@ -29,7 +29,7 @@ load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 # stand-in still formats and writes every one of them.
 echo "bench: Google Benchmark, $reps repetitions"
 "$build/bench/kova-bench" --benchmark_repetitions="$reps" --benchmark_enable_random_interleaving=true \
-  --benchmark_report_aggregates_only=true --benchmark_format=csv >"$work/bench.csv" 2>/dev/null
+  --benchmark_report_aggregates_only=true --benchmark_format=json >"$work/bench.json" 2>/dev/null
 
 # Client instructions of $calls calls per variant.
 for mode in sync-library sync-bare fire-library fire-bare; do
@@ -46,15 +46,19 @@ done
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
 # --- reading the results ---------------------------------------------------
-# A field of a Google Benchmark aggregate row: median NAME FIELD (3 real time,
-# 7 items per second).
+# A value of a Google Benchmark aggregate: agg PREFIX KEY AGGREGATE, for the
+# benchmark whose name starts with PREFIX (Google Benchmark appends its
+# settings, e.g. "sync_call/min_time:2.000/real_time_median").
 agg() {
-  awk -F, -v name="\"$1_$3\"" -v f="$2" '$1 == name { print $f; found = 1 } END { if (!found) print "" }' \
-    "$work/bench.csv"
+  awk -v prefix="$1" -v key="\"$2\":" -v suffix="_$3" '
+    $1 == "\"name\":" { name = $2; gsub(/[",]/, "", name); next }
+    $1 == key && index(name, prefix) == 1 && substr(name, length(name) - length(suffix) + 1) == suffix {
+      v = $2; gsub(",", "", v); print v; exit
+    }' "$work/bench.json"
 }
-median() { agg "$1" "$2" median; }
-spread() { agg "$1" "$2" stddev; }
-has_bench() { grep -q "^\"$1" "$work/bench.csv"; }
+median() { agg "$1/" "$2" median; }
+spread() { agg "$1/" "$2" stddev; }
+has_bench() { grep -q "\"name\": \"$1/" "$work/bench.json"; }
 # Instructions per call of a callgrind variant.
 per_call() { awk -v n="$calls" '{ printf "%.0f", $1 / n }' "$work/$1.ir"; }
 # Inclusive instructions per call of the functions whose line matches a regex.
@@ -79,25 +83,27 @@ calls_to() {
 calc() { awk "BEGIN { printf \"$1\", $2 }"; }
 verdict() { awk "BEGIN { print ($1) ? \"met\" : \"**missed**\" }"; }
 
-sync_lib_ns=$(median sync_call/library/real_time 3)
-sync_bare_ns=$(median sync_call/bare/real_time 3)
-sync_lib_sd=$(spread sync_call/library/real_time 3)
-sync_bare_sd=$(spread sync_call/bare/real_time 3)
-fire_lib_sd=$(spread fire_and_forget/library/real_time 7)
-fire_bare_sd=$(spread fire_and_forget/bare/real_time 7)
-fire_lib_ips=$(median fire_and_forget/library/real_time 7)
-fire_bare_ips=$(median fire_and_forget/bare/real_time 7)
-id1=$(median command_id/real_time/threads:1 7)
-id4=$(median command_id/real_time/threads:4 7)
+sync_lib_us=$(median sync_call library_us)
+sync_bare_us=$(median sync_call bare_us)
+sync_lib_sd=$(spread sync_call library_us)
+sync_bare_sd=$(spread sync_call bare_us)
+sync_wall_ratio=$(calc %.3f "$(median sync_call ratio)")
+sync_pairs=$(calc %.0f "$(median sync_call pairs)")
+fire_lib_ips=$(median fire_and_forget library_per_s)
+fire_bare_ips=$(median fire_and_forget bare_per_s)
+fire_lib_sd=$(spread fire_and_forget library_per_s)
+fire_bare_sd=$(spread fire_and_forget bare_per_s)
+fire_ratio=$(calc %.3f "$(median fire_and_forget ratio)")
+fire_pairs=$(calc %.0f "$(median fire_and_forget pairs)")
+id1=$(agg command_id/real_time/threads:1_ items_per_second median)
+id4=$(agg command_id/real_time/threads:4_ items_per_second median)
 
 ir_sync_lib=$(per_call sync-library)
 ir_sync_bare=$(per_call sync-bare)
 ir_fire_lib=$(per_call fire-library)
 ir_fire_bare=$(per_call fire-bare)
 
-sync_wall_ratio=$(calc %.3f "$sync_lib_ns / $sync_bare_ns")
 sync_ir_ratio=$(calc %.3f "$ir_sync_lib / $ir_sync_bare")
-fire_ratio=$(calc %.3f "$fire_lib_ips / $fire_bare_ips")
 fire_ir_ratio=$(calc %.3f "$ir_fire_lib / $ir_fire_bare")
 
 log_sync=$(incl sync-library ':__marlo_print \[')
@@ -149,8 +155,11 @@ thread). "Library" is the exported function; "bare" is the same method with the
 same argument types sent with plain GDBus on the same connection. The library
 runs with the real platform stand-ins: each of its log lines is formatted and
 written to stderr (sent to /dev/null); the CPU-inheritance stand-in returns at
-once. Wall times are medians of $reps repetitions interleaved at random;
-instructions are counted by callgrind over $calls calls per variant, all
+once. For wall time, blocks of library calls and blocks of bare calls
+alternate (timed one by one, so that both meet the same load); each
+repetition reports the median time per call of each variant and the median
+ratio of neighbouring blocks, and the tables show the median over $reps
+repetitions, with the standard deviation across them. Instructions are counted by callgrind over $calls calls per variant, all
 threads of the client process (the caller and GDBus's worker), neither the bus
 nor the service.
 
@@ -158,8 +167,10 @@ nor the service.
 
 | | library | bare | ratio | target | |
 |---|---|---|---|---|---|
-| wall time per call (± standard deviation) | $(calc %.1f "$sync_lib_ns / 1000") ± $(calc %.1f "$sync_lib_sd / 1000") µs | $(calc %.1f "$sync_bare_ns / 1000") ± $(calc %.1f "$sync_bare_sd / 1000") µs | $sync_wall_ratio | ≤ 1.05 | $(verdict "$sync_wall_ratio <= 1.05") |
+| wall time per call (± standard deviation) | $(calc %.1f "$sync_lib_us") ± $(calc %.1f "$sync_lib_sd") µs | $(calc %.1f "$sync_bare_us") ± $(calc %.1f "$sync_bare_sd") µs | $sync_wall_ratio | ≤ 1.05 | $(verdict "$sync_wall_ratio <= 1.05") |
 | client instructions per call | $ir_sync_lib | $ir_sync_bare | $sync_ir_ratio | ≤ 1.05 | $(verdict "$sync_ir_ratio <= 1.05") |
+
+Each repetition timed $sync_pairs pairs of blocks of 10 calls.
 
 Where the library's extra instructions go, per call (inclusive, from callgrind):
 
@@ -175,13 +186,15 @@ Without the log lines the library would run at $sync_wo_log of the bare call.
 
 ## (b) Fire-and-forget: \`kova_player_request_stop\` against \`g_dbus_connection_call\`
 
-Calls per second, in batches of 1000 calls, each batch closed by a round trip
+Calls per second, in blocks of 200 calls, each block closed by a round trip
 to the service so that a call counts once the service has received it.
 
 | | library | bare | ratio | target | |
 |---|---|---|---|---|---|
 | calls per second (± standard deviation) | $(calc %.0f "$fire_lib_ips") ± $(calc %.0f "$fire_lib_sd") | $(calc %.0f "$fire_bare_ips") ± $(calc %.0f "$fire_bare_sd") | $fire_ratio | ≥ 0.95 | $(verdict "$fire_ratio >= 0.95") |
 | client instructions per call | $ir_fire_lib | $ir_fire_bare | $fire_ir_ratio | | |
+
+Each repetition timed $fire_pairs pairs of blocks.
 
 Per call, from callgrind:
 
@@ -202,7 +215,7 @@ DOC
     echo "| registered ids | time per signal |"
     echo "|---|---|"
     for n in 1 100 10000; do
-      echo "| $n | $(calc %.1f "$(median "app_rsc_changed_dispatch/$n/real_time" 3) / 1000") µs |"
+      echo "| $n | $(calc %.1f "$(agg "app_rsc_changed_dispatch/$n/" real_time median) / 1000") µs |"
     done
   else
     echo "Not measured yet: the per-application resource registry is not part of this"
@@ -218,7 +231,7 @@ DOC
     echo "| callbacks | time per signal |"
     echo "|---|---|"
     for n in 1 10 100; do
-      echo "| $n | $(calc %.1f "$(median "best_quality_dispatch/$n/real_time" 3) / 1000") µs |"
+      echo "| $n | $(calc %.1f "$(agg "best_quality_dispatch/$n/" real_time median) / 1000") µs |"
     done
   else
     echo "Not measured yet: the best-quality-zone registry is not part of this build."
@@ -233,9 +246,6 @@ DOC
 |---|---|
 | 1 | $(calc %.3g "$id1") |
 | 4 | $(calc %.3g "$id4") |
-
-One atomic increment per identifier; with more threads than cores the threads
-take turns on the counter's cache line.
 DOC
   if [ -r "$root/docs/benchmarks-notes.md" ]; then
     echo
