@@ -1,0 +1,178 @@
+// The service's system-bus policy keeps other users from impersonating it: a
+// peer running as nobody can call the service and hear it, but cannot own its
+// name, and its "PlayerVideoStop" never reaches a player's callback. Runs in a
+// process of its own, since the library's connection is made once, to the bus
+// with that policy.
+#include <gmock/gmock.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "fake_kova.h"
+#include "kova_api.h"
+#include "kova_private.h"
+#include "platform_doubles.h"
+#include "private_bus.h"
+
+namespace kova_test {
+namespace {
+
+using ::testing::ElementsAre;
+
+// Everything is allowed to everyone, so that whatever the peer is refused is
+// refused by the service's policy, included after this.
+constexpr const char *kOpenBus =
+    "  <policy context=\"default\">\n"
+    "    <allow user=\"*\"/>\n"
+    "    <allow own=\"*\"/>\n"
+    "    <allow send_destination=\"*\"/>\n"
+    "    <allow send_type=\"signal\"/>\n"
+    "    <allow receive_sender=\"*\"/>\n"
+    "    <allow receive_type=\"signal\"/>\n"
+    "  </policy>\n";
+
+constexpr int kSpoofedPlayer = 666;  // the peer's requests name this player
+
+std::string ReadFile(const std::string &path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+bool WriteFile(const std::string &path, const std::string &text, mode_t mode) {
+  {
+    std::ofstream out(path, std::ios::binary);
+    out << text;
+    if (!out) return false;
+  }
+  return chmod(path.c_str(), mode) == 0;
+}
+
+// One round trip from the library's connection to the service, then whatever
+// that brought in is dispatched (the fixture's Sync, without the fixture).
+void RoundTrip(const FakeKova &service) {
+  GError *error = nullptr;
+  GVariant *r = g_dbus_connection_call_sync(_kova_dbus_get_connection(), service.unique_name().c_str(), "/",
+                                            "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
+                                            G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+  ASSERT_NE(r, nullptr) << error->message;
+  g_variant_unref(r);
+  while (g_main_context_iteration(nullptr, FALSE)) {
+  }
+}
+
+void OnStop(int player_id, void *user_data) { static_cast<std::vector<int> *>(user_data)->push_back(player_id); }
+
+void OnProbe(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *, GVariant *,
+             gpointer count) {
+  ++*static_cast<int *>(count);
+}
+
+TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
+  if (geteuid() != 0) GTEST_SKIP() << "the peer runs as nobody through setpriv, which needs root";
+  doubles::Reset();
+
+  // A directory nobody can reach: the bus socket and the peer live there.
+  const std::string dir = MakeTempDir("kova-spoof");
+  ASSERT_FALSE(dir.empty());
+  ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+  const passwd *me = getpwuid(geteuid());
+  ASSERT_NE(me, nullptr);
+  std::string policy = ReadFile(KOVA_POLICY_TEMPLATE);
+  const std::string placeholder = "@KOVA_SERVICE_USER@";
+  ASSERT_NE(policy.find(placeholder), std::string::npos);
+  for (size_t at; (at = policy.find(placeholder)) != std::string::npos;) policy.replace(at, placeholder.size(), me->pw_name);
+  ASSERT_TRUE(WriteFile(dir + "/service.conf", policy, 0644));
+  const std::string peer = dir + "/spoof_peer";
+  ASSERT_TRUE(WriteFile(peer, ReadFile(KOVA_SPOOF_PEER), 0755));
+
+  PrivateBus::Options options;
+  options.socket_path = dir + "/bus";
+  options.replace_policy = true;
+  options.extra_config = std::string(kOpenBus) + "  <include>" + dir + "/service.conf</include>\n";
+  std::string error;
+  std::unique_ptr<PrivateBus> bus = PrivateBus::Start(options, &error);
+  ASSERT_TRUE(bus) << error;
+  bus->ExportAsSystemBus();
+
+  // The service's user owns the name; its answer to the peer comes after a
+  // "PlayerAudioResync" for the peer to receive.
+  auto service = std::make_unique<FakeKova>(bus->address());
+  ASSERT_TRUE(service->ok()) << service->error();
+  GDBusConnection *service_conn = service->connection();
+  service->SetHandler("PlayerVideoStopDone", [service_conn](const Call &call) {
+    g_dbus_connection_emit_signal(service_conn, nullptr, kServicePath, kServiceInterface, "PlayerAudioResync",
+                                  g_variant_new("(ii)", 9, call.args.i32(1)), nullptr);
+    return Answer::Int(5);
+  });
+
+  std::vector<int> stops;
+  const unsigned int handle = kova_register_player_video_stop_request_callback(OnStop, &stops);
+  ASSERT_NE(handle, 0u);
+  ASSERT_NE(handle, UINT_MAX);
+  GDBusConnection *conn = _kova_dbus_get_connection();
+  int probes = 0;
+  const guint probe = g_dbus_connection_signal_subscribe(conn, nullptr, "org.zelta.tv.test.Probe", "PlayerVideoStop",
+                                                         kServicePath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, OnProbe,
+                                                         &probes, nullptr);
+  RoundTrip(*service);  // the match rules are in place
+
+  const char *argv[] = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", peer.c_str(),
+                        g_dbus_connection_get_unique_name(conn), nullptr};
+  gchar *out = nullptr;
+  gchar *err = nullptr;
+  gint status = 0;
+  GError *spawn_error = nullptr;
+  ASSERT_TRUE(g_spawn_sync(nullptr, const_cast<gchar **>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
+                           &err, &status, &spawn_error))
+      << spawn_error->message;
+  const std::string peer_out = out;
+  const std::string peer_err = err;
+  g_free(out);
+  g_free(err);
+  EXPECT_TRUE(g_spawn_check_wait_status(status, nullptr)) << peer_err;
+  // Everyone may call the service and hear its replies and signals; nobody
+  // else may own its name.
+  EXPECT_EQ(peer_out, "own: denied\ncall: 5\nsignal: " + std::to_string(kSpoofedPlayer) + "\n") << peer_err;
+
+  // The peer's call reached the service after its signals reached the bus;
+  // one round trip later, anything the bus let through has been dispatched.
+  std::vector<Call> calls = service->CallsTo("PlayerVideoStopDone");
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_NE(calls[0].sender, g_dbus_connection_get_unique_name(conn));
+  RoundTrip(*service);
+  EXPECT_TRUE(stops.empty()) << "a spoofed PlayerVideoStop reached the callback";
+  for (const std::string &line : doubles::Messages()) {
+    EXPECT_EQ(line.find("Received(" + std::to_string(kSpoofedPlayer) + ")"), std::string::npos) << line;
+  }
+  // The bus does carry the peer's signals of other interfaces: the refusal
+  // above is the service's policy.
+  EXPECT_EQ(probes, 1);
+
+  // The service's own request does arrive.
+  service->Emit("PlayerVideoStop", g_variant_new("(ii)", 3, 7));
+  RoundTrip(*service);
+  EXPECT_THAT(stops, ElementsAre(7));
+
+  g_dbus_connection_signal_unsubscribe(conn, probe);
+  EXPECT_EQ(kova_unregister_player_video_stop_request_callback(handle), 0);
+  service.reset();
+  g_dbus_connection_set_exit_on_close(conn, FALSE);
+  while (g_main_context_iteration(nullptr, FALSE)) {
+  }
+  bus.reset();
+  RemoveTree(dir);
+}
+
+}  // namespace
+}  // namespace kova_test
+
+int main(int argc, char **argv) {
+  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR));
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
