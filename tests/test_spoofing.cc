@@ -171,8 +171,3 @@ TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
 }  // namespace
 }  // namespace kova_test
 
-int main(int argc, char **argv) {
-  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR));
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}

@@ -103,9 +103,3 @@ Call KovaTest::LastCall(const std::string &method) {
 
 }  // namespace kova_test
 
-int main(int argc, char **argv) {
-  // A GLib critical is a failed test, also when the binary runs outside CTest.
-  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR));
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}
