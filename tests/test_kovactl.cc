@@ -107,13 +107,17 @@ class KovactlTest : public ::testing::Test {
     return env;
   }
 
+  // NULL-terminated pointers into strings, as the spawn functions take them.
+  static std::vector<char *> Pointers(const std::vector<std::string> &strings) {
+    std::vector<char *> out;
+    for (const std::string &s : strings) out.push_back(const_cast<char *>(s.c_str()));
+    out.push_back(nullptr);
+    return out;
+  }
+
   static bool Spawn(const std::vector<std::string> &args, Child *child) {
     std::vector<std::string> env = Env();
-    std::vector<char *> argv, envp;
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const std::string &e : env) envp.push_back(const_cast<char *>(e.c_str()));
-    envp.push_back(nullptr);
+    std::vector<char *> argv = Pointers(args), envp = Pointers(env);
     GError *err = nullptr;
     bool ok = g_spawn_async_with_pipes(nullptr, argv.data(), envp.data(),
                                        static_cast<GSpawnFlags>(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDERR_TO_DEV_NULL),
@@ -129,11 +133,7 @@ class KovactlTest : public ::testing::Test {
   static Outcome Run(std::vector<std::string> args) {
     args.insert(args.begin(), KOVACTL_PATH);
     std::vector<std::string> env = Env();
-    std::vector<char *> argv, envp;
-    for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const std::string &e : env) envp.push_back(const_cast<char *>(e.c_str()));
-    envp.push_back(nullptr);
+    std::vector<char *> argv = Pointers(args), envp = Pointers(env);
     Outcome o;
     gchar *out = nullptr;
     gchar *err = nullptr;
