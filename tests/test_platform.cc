@@ -104,14 +104,18 @@ TEST(MarloStandIn, WritesOneReadableLinePerCall) {
   dup2(fds[1], STDERR_FILENO);
   __marlo_print(2, 4, "KOVA_API", "%s: %s(%d) > %s", "f.cc", "fn", 12, ">>");
   __marlo_print(2, 6, "KOVA_API", "failed %d", -1);
+  __marlo_print(-13, 9, nullptr, "odd");
+  // Longer than the stand-in's stack buffer.
+  const std::string long_text(700, 'x');
+  __marlo_print(2, 4, "KOVA_API", "%s!", long_text.c_str());
   dup2(saved, STDERR_FILENO);
   close(saved);
   close(fds[1]);
-  char buf[256] = {};
-  ssize_t n = read(fds[0], buf, sizeof buf - 1);
+  std::string out;
+  char buf[256];
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
   close(fds[0]);
-  ASSERT_GT(n, 0);
-  EXPECT_STREQ(buf, "I/KOVA_API(2): f.cc: fn(12) > >>\nE/KOVA_API(2): failed -1\n");
+  EXPECT_EQ(out, "I/KOVA_API(2): f.cc: fn(12) > >>\nE/KOVA_API(2): failed -1\n?/(-13): odd\nI/KOVA_API(2): " + long_text + "!\n");
 }
 
 }  // namespace

@@ -7,8 +7,9 @@ extern "C" {
 #endif
 
 /* Writes one line built from fmt to the log buffer buffer_id with the given
- * priority and tag. The stand-in writes "<P> TAG: text" to stderr, one line per
- * call, with P the priority letter (I for 4, E for 6, the number otherwise).
+ * priority and tag. The stand-in writes "P/TAG(buffer_id): text" to stderr with
+ * one write per line, P being the priority letter (V, D, I, W, E, F for 2 to 7,
+ * '?' otherwise).
  * Returns the number of characters of the formatted text, negative on error. */
 int __marlo_print(int buffer_id, int priority, const char *tag, const char *fmt, ...)
     __attribute__((format(printf, 4, 5)));
