@@ -3,14 +3,8 @@
 // by side in one run; and command identifiers per second.
 //
 // The platform stand-ins are the real ones (the log line goes to stderr, which
-// scripts/bench.sh sends to /dev/null); no test double is linked.
-//
-// Benchmarks of the shared registries' dispatch join this file under the
-// names scripts/bench.sh looks for, one iteration being one signal
-// dispatched: "app_rsc_changed_dispatch/<ids>" for "AppRscChanged" with 1,
-// 100 and 10,000 registered application ids, and
-// "best_quality_dispatch/<callbacks>" for "BestQualitZoneSwitched" with 1, 10
-// and 100 callbacks.
+// scripts/bench.sh sends to /dev/null); no test double is linked. Signal
+// dispatch is measured in bench_dispatch.cc.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -36,47 +30,6 @@ constexpr int kFireBlock = 200;
 
 GDBusConnection *Connection() { return _kova_dbus_get_connection(); }
 
-bool RoundTrip(GDBusConnection *c) {
-  GVariant *r = g_dbus_connection_call_sync(c, kName, "/", "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
-                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (r == nullptr) return false;
-  g_variant_unref(r);
-  return true;
-}
-
-bool SyncLibrary(GDBusConnection *) {
-  for (int i = 0; i < kSyncBlock; ++i) {
-    if (kova_player_video_start_done(1) != 0) return false;
-  }
-  return true;
-}
-
-bool SyncBare(GDBusConnection *c) {
-  for (int i = 0; i < kSyncBlock; ++i) {
-    GVariant *r = g_dbus_connection_call_sync(c, kName, kPath, kName, kSyncMethod, g_variant_new("(ii)", 0x10000, 1),
-                                              nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    if (r == nullptr) return false;
-    gint32 v = -1;
-    g_variant_get(r, "(i)", &v);
-    g_variant_unref(r);
-    benchmark::DoNotOptimize(v);
-  }
-  return true;
-}
-
-bool FireLibrary(GDBusConnection *c) {
-  for (int i = 0; i < kFireBlock; ++i) kova_player_request_stop(1);
-  return RoundTrip(c);
-}
-
-bool FireBare(GDBusConnection *c) {
-  for (int i = 0; i < kFireBlock; ++i) {
-    g_dbus_connection_call(c, kName, kPath, kName, kFireMethod, g_variant_new("(ii)", 0x10000, 1), nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
-  }
-  return RoundTrip(c);
-}
-
 double Median(std::vector<double> v) {
   if (v.empty()) return 0;
   std::sort(v.begin(), v.end());
@@ -84,15 +37,16 @@ double Median(std::vector<double> v) {
   return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
 }
 
+using Calls = bool (*)(GDBusConnection *, int);
+
 // Nanoseconds per call of one timed block, or a negative value on failure.
-double TimeBlock(bool (*block)(GDBusConnection *), GDBusConnection *c, int calls) {
+double TimeBlock(Calls block, GDBusConnection *c, int calls) {
   const auto start = std::chrono::steady_clock::now();
-  if (!block(c)) return -1;
+  if (!block(c, calls)) return -1;
   return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() / calls;
 }
 
-void Paired(benchmark::State &state, bool (*library)(GDBusConnection *), bool (*bare)(GDBusConnection *),
-            int calls, bool rate) {
+void Paired(benchmark::State &state, Calls library, Calls bare, int calls, bool rate) {
   GDBusConnection *c = Connection();
   std::vector<double> lib_ns, bare_ns, ratios;
   bool library_first = true;

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "kova_api.h"
+
 namespace kova_bench {
 
 std::unique_ptr<BenchBus> BenchBus::Start(std::string *error) {
@@ -61,6 +63,47 @@ BenchBus::~BenchBus() {
     while (waitpid(echo_, &status, 0) < 0 && errno == EINTR) {
     }
   }
+}
+
+bool RoundTrip(GDBusConnection *c) {
+  GVariant *r = g_dbus_connection_call_sync(c, kName, "/", "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
+                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  if (r == nullptr) return false;
+  g_variant_unref(r);
+  return true;
+}
+
+bool SyncLibrary(GDBusConnection *, int n) {
+  for (int i = 0; i < n; ++i) {
+    if (kova_player_video_start_done(1) != 0) return false;
+  }
+  return true;
+}
+
+bool SyncBare(GDBusConnection *c, int n) {
+  for (int i = 0; i < n; ++i) {
+    GVariant *r = g_dbus_connection_call_sync(c, kName, kPath, kName, kSyncMethod, g_variant_new("(ii)", 0x10000, 1),
+                                              nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    if (r == nullptr) return false;
+    gint32 v = -1;
+    g_variant_get(r, "(i)", &v);
+    g_variant_unref(r);
+    if (v != 0) return false;
+  }
+  return true;
+}
+
+bool FireLibrary(GDBusConnection *c, int n) {
+  for (int i = 0; i < n; ++i) kova_player_request_stop(1);
+  return RoundTrip(c);
+}
+
+bool FireBare(GDBusConnection *c, int n) {
+  for (int i = 0; i < n; ++i) {
+    g_dbus_connection_call(c, kName, kPath, kName, kFireMethod, g_variant_new("(ii)", 0x10000, 1), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+  }
+  return RoundTrip(c);
 }
 
 }  // namespace kova_bench

@@ -3,6 +3,7 @@
 #ifndef KOVA_BENCH_ENV_H
 #define KOVA_BENCH_ENV_H
 
+#include <gio/gio.h>
 #include <sys/types.h>
 
 #include <memory>
@@ -30,6 +31,16 @@ inline constexpr const char *kName = "org.zelta.tv.system.resource";
 inline constexpr const char *kPath = "/Org/Zelta/TV/System/Resource";
 inline constexpr const char *kSyncMethod = "PlayerVideoStartDone";
 inline constexpr const char *kFireMethod = "PlayerRequestStop";
+
+// The compared calls, n at a time on connection c; false when one failed.
+// Library and bare variants send the same method with the same argument
+// types; the fire-and-forget loops end with a round trip to the service, so
+// that every call has reached it.
+bool RoundTrip(GDBusConnection *c);
+bool SyncLibrary(GDBusConnection *c, int n);
+bool SyncBare(GDBusConnection *c, int n);
+bool FireLibrary(GDBusConnection *c, int n);
+bool FireBare(GDBusConnection *c, int n);
 
 }  // namespace kova_bench
 

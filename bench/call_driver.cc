@@ -17,59 +17,15 @@
 
 namespace {
 
-using kova_bench::kFireMethod;
-using kova_bench::kName;
-using kova_bench::kPath;
-using kova_bench::kSyncMethod;
-
-bool RoundTrip(GDBusConnection *c) {
-  GVariant *r = g_dbus_connection_call_sync(c, kName, "/", "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
-                                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (r == nullptr) return false;
-  g_variant_unref(r);
-  return true;
-}
-
-bool SyncLibrary(GDBusConnection *, int n) {
-  for (int i = 0; i < n; ++i) {
-    if (kova_player_video_start_done(1) != 0) return false;
-  }
-  return true;
-}
-
-bool SyncBare(GDBusConnection *c, int n) {
-  for (int i = 0; i < n; ++i) {
-    GVariant *r = g_dbus_connection_call_sync(c, kName, kPath, kName, kSyncMethod, g_variant_new("(ii)", 0x10000, 1),
-                                              nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    if (r == nullptr) return false;
-    gint32 v = -1;
-    g_variant_get(r, "(i)", &v);
-    g_variant_unref(r);
-  }
-  return true;
-}
-
-bool FireLibrary(GDBusConnection *c, int n) {
-  for (int i = 0; i < n; ++i) kova_player_request_stop(1);
-  return RoundTrip(c);
-}
-
-bool FireBare(GDBusConnection *c, int n) {
-  for (int i = 0; i < n; ++i) {
-    g_dbus_connection_call(c, kName, kPath, kName, kFireMethod, g_variant_new("(ii)", 0x10000, 1), nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
-  }
-  return RoundTrip(c);
-}
 
 struct Mode {
   const char *name;
   bool (*run)(GDBusConnection *, int);
 };
-const Mode kModes[] = {{"sync-library", SyncLibrary},
-                       {"sync-bare", SyncBare},
-                       {"fire-library", FireLibrary},
-                       {"fire-bare", FireBare}};
+const Mode kModes[] = {{"sync-library", kova_bench::SyncLibrary},
+                       {"sync-bare", kova_bench::SyncBare},
+                       {"fire-library", kova_bench::FireLibrary},
+                       {"fire-bare", kova_bench::FireBare}};
 
 }  // namespace
 
