@@ -188,7 +188,6 @@ TEST_F(PlayerTest, EachRequestSignalReachesOnlyItsOwnCallbackUntilUnregistered) 
   for (int i = 0; i < 5; ++i) {
     const std::string signal = kFamilies[i].signal;
     ids[i] = kFamilies[i].reg(OnRequest, &received[i]);
-    ASSERT_TRUE(ids[i] != 0u && ids[i] != UINT_MAX) << signal;
     EXPECT_TRUE(doubles::HasLog("(" + signal + ") success :: (" + std::to_string(ids[i]) + ")", doubles::kInfo));
   }
   for (int i = 0; i < 5; ++i) {
