@@ -54,33 +54,46 @@ TEST_F(PlayerTest, LifecycleCallsAreFireAndForgetAndOnlyRegisterWaitsForReadines
   EXPECT_EQ(kova_player_request_stop(5), 0);
 }
 
-TEST_F(PlayerTest, PlayRequestMapsTheReply) {
-  // Answer, result, the stored output (100: untouched), the log after "[<command id>] ".
-  const std::tuple<Answer, int, int, const char *> cases[] = {
-      {Answer::Int(2), 0, 2, "(PlayerRequestPlay) success :: (2)"},
-      {Answer::Int(-4), -1, 100, "(PlayerRequestPlay) failed -4"},
-      {kFailed, -1, 100, "(PlayerRequestPlay) failed"},
-      {Answer::Value(g_variant_new("(s)", "2")), -1, 100, "(PlayerRequestPlay) unexpected reply type ((s))"},
+TEST_F(PlayerTest, PlayRequestAndSpeakerAudioOutMapTheReply) {
+  using Ask = int (*)(kova_audio_out_e *);
+  const Ask play = [](kova_audio_out_e *out) { return kova_player_request_play(11, out); };
+  const Ask speaker = [](kova_audio_out_e *out) { return kova_get_extspk_info_audio_out("bar", out); };
+  // The stored output is 100 when untouched; the log follows "[<command id>] ".
+  const std::tuple<Ask, const char *, Answer, int, int, const char *> cases[] = {
+      {play, "PlayerRequestPlay", Answer::Int(2), 0, 2, "(PlayerRequestPlay) success :: (2)"},
+      {play, "PlayerRequestPlay", Answer::Int(-4), -1, 100, "(PlayerRequestPlay) failed -4"},
+      {play, "PlayerRequestPlay", kFailed, -1, 100, "(PlayerRequestPlay) failed"},
+      {play, "PlayerRequestPlay", Answer::Value(g_variant_new("(s)", "2")), -1, 100,
+       "(PlayerRequestPlay) unexpected reply type ((s))"},
+      // A speaker's negative answer comes back as it is.
+      {speaker, "GetExtSpkInfoAudioOut", Answer::Int(2), 0, 2, "(GetExtSpkInfoAudioOut) success :: (2)"},
+      {speaker, "GetExtSpkInfoAudioOut", Answer::Int(-3), -3, 100, "(GetExtSpkInfoAudioOut) success :: (-3)"},
+      {speaker, "GetExtSpkInfoAudioOut", kFailed, -1, 100, "(GetExtSpkInfoAudioOut) failed"},
   };
-  for (const auto &[answer, result, stored, log] : cases) {
+  for (const auto &[ask, method, answer, result, stored, log] : cases) {
     SCOPED_TRACE(log);
-    service().Set("PlayerRequestPlay", answer);
+    service().Set(method, answer);
     kova_audio_out_e out = static_cast<kova_audio_out_e>(100);
-    EXPECT_EQ(kova_player_request_play(11, &out), result);
+    EXPECT_EQ(ask(&out), result);
     EXPECT_EQ(static_cast<int>(out), stored);
-    EXPECT_EQ(LastCall("PlayerRequestPlay").args.i32(1), 11);
-    EXPECT_EQ(doubles::CountLog(Cmd("PlayerRequestPlay") + log, result == 0 ? doubles::kInfo : doubles::kError), 1);
+    EXPECT_EQ(LastCall(method).args.child(1).text(), ask == play ? "11" : "'bar'");
+    EXPECT_EQ(doubles::CountLog(Cmd(method) + log, result == -1 ? doubles::kError : doubles::kInfo), 1);
   }
+}
 
-  // Not ready: main output, without asking or waiting.
+TEST_F(PlayerTest, AudioOutQuestionsAnswerMainWithoutAskingWhileTheServiceIsNotReady) {
   doubles::SetMarker("/tmp/.kova_ready", doubles::Marker::kAbsent);
-  service().ClearCalls();
-  kova_audio_out_e out = static_cast<kova_audio_out_e>(9);
+  kova_audio_out_e play = static_cast<kova_audio_out_e>(9), speaker = play;
   const int next = _kova_get_command_id() + 1;
-  EXPECT_EQ(kova_player_request_play(1, &out), 0);
-  EXPECT_EQ(out, KOVA_AUDIO_OUT_MAIN);
-  EXPECT_TRUE(doubles::HasLog("[" + Hex(next) + "] kova is not ready, return main audio out", doubles::kInfo));
-  EXPECT_EQ(doubles::PelkCalls().back().timeout_ms, 0);
+  EXPECT_EQ(kova_player_request_play(1, &play), 0);
+  EXPECT_EQ(kova_get_extspk_info_audio_out("bar", &speaker), 0);
+  EXPECT_EQ(play, KOVA_AUDIO_OUT_MAIN);
+  EXPECT_EQ(speaker, KOVA_AUDIO_OUT_MAIN);
+  for (int id : {next, next + 1}) {
+    EXPECT_TRUE(doubles::HasLog("[" + Hex(id) + "] kova is not ready, return main audio out", doubles::kInfo));
+  }
+  EXPECT_THAT(doubles::PelkCalls(), ElementsAre(::testing::Field(&doubles::PelkCall::timeout_ms, 0),
+                                                ::testing::Field(&doubles::PelkCall::timeout_ms, 0)));  // no wait
   ExpectNothingSent();
 }
 
@@ -226,26 +239,6 @@ TEST_F(PlayerTest, RegistrationsOfOneSignalAreIndependentAndIgnoreMalformedSigna
   EXPECT_THAT(first, ElementsAre(5));
   EXPECT_THAT(second, ElementsAre(5, 6));
   EXPECT_EQ(kova_unregister_player_audio_start_request_callback(b), 0);
-}
-
-// ---- External speakers ----
-
-TEST_F(PlayerTest, SpeakerAudioOutIsStoredOnlyOnAZeroAnswer) {
-  kova_audio_out_e out = static_cast<kova_audio_out_e>(9);
-  for (auto [answer, result] : {std::pair{Answer::Int(2), 0}, std::pair{Answer::Int(-3), -3}, std::pair{kFailed, -1}}) {
-    service().Set("GetExtSpkInfoAudioOut", answer);
-    EXPECT_EQ(kova_get_extspk_info_audio_out("bar", &out), result);
-    EXPECT_EQ(static_cast<int>(out), 2);
-  }
-  EXPECT_EQ(LastCall("GetExtSpkInfoAudioOut").args.str(1), "bar");
-
-  doubles::SetMarker("/tmp/.kova_ready", doubles::Marker::kAbsent);
-  service().ClearCalls();
-  const int next = _kova_get_command_id() + 1;
-  EXPECT_EQ(kova_get_extspk_info_audio_out("bar", &out), 0);
-  EXPECT_EQ(out, KOVA_AUDIO_OUT_MAIN);
-  EXPECT_TRUE(doubles::HasLog("[" + Hex(next) + "] kova is not ready, return main audio out"));
-  ExpectNothingSent();
 }
 
 }  // namespace
