@@ -1,15 +1,13 @@
 // The service's system-bus policy keeps other users from impersonating it: a
-// peer running as nobody can call the service and hear it, but cannot own its
-// name, and its "PlayerVideoStop" never reaches a player's callback. Runs in a
-// process of its own, since the library's connection is made once, to the bus
-// with that policy.
+// peer running as nobody can call and hear the service but cannot own its name,
+// and its "PlayerVideoStop" never reaches a player's callback. A process of its
+// own: the library connects once, here to the bus with that policy.
 #include <gmock/gmock.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include <regex>
 
 #include "fake_kova.h"
 #include "kova_api.h"
@@ -22,8 +20,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// Everything is allowed to everyone, so that whatever the peer is refused is
-// refused by the service's policy, included after this.
+// Everything allowed to everyone: what the peer is refused, the service's policy refuses.
 constexpr const char *kOpenBus =
     "  <policy context=\"default\">\n"
     "    <allow user=\"*\"/>\n"
@@ -36,24 +33,21 @@ constexpr const char *kOpenBus =
 
 constexpr int kSpoofedPlayer = 666;  // the peer's requests name this player
 
-std::string ReadFile(const std::string &path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+std::string ReadFile(const char *path) {
+  gchar *text = nullptr;
+  gsize size = 0;
+  if (!g_file_get_contents(path, &text, &size, nullptr)) return "";
+  std::string out(text, size);
+  g_free(text);
+  return out;
 }
 
 bool WriteFile(const std::string &path, const std::string &text, mode_t mode) {
-  {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-    if (!out) return false;
-  }
-  return chmod(path.c_str(), mode) == 0;
+  return g_file_set_contents(path.c_str(), text.data(), static_cast<gssize>(text.size()), nullptr) &&
+         chmod(path.c_str(), mode) == 0;
 }
 
-// One round trip from the library's connection to the service, then whatever
-// that brought in is dispatched (the fixture's Sync, without the fixture).
+// The fixture's Sync, without the fixture: one round trip, then dispatch.
 void RoundTrip(const FakeKova &service) {
   GError *error = nullptr;
   GVariant *r = g_dbus_connection_call_sync(_kova_dbus_get_connection(), service.unique_name().c_str(), "/",
@@ -67,9 +61,8 @@ void RoundTrip(const FakeKova &service) {
 
 void OnStop(int player_id, void *user_data) { static_cast<std::vector<int> *>(user_data)->push_back(player_id); }
 
-void OnProbe(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *, GVariant *,
-             gpointer count) {
-  ++*static_cast<int *>(count);
+void OnProbe(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *, GVariant *, gpointer n) {
+  ++*static_cast<int *>(n);
 }
 
 TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
@@ -83,9 +76,8 @@ TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
   const passwd *me = getpwuid(geteuid());
   ASSERT_NE(me, nullptr);
   std::string policy = ReadFile(KOVA_POLICY_TEMPLATE);
-  const std::string placeholder = "@KOVA_SERVICE_USER@";
-  ASSERT_NE(policy.find(placeholder), std::string::npos);
-  for (size_t at; (at = policy.find(placeholder)) != std::string::npos;) policy.replace(at, placeholder.size(), me->pw_name);
+  ASSERT_NE(policy.find("@KOVA_SERVICE_USER@"), std::string::npos);
+  policy = std::regex_replace(policy, std::regex("@KOVA_SERVICE_USER@"), me->pw_name);
   ASSERT_TRUE(WriteFile(dir + "/service.conf", policy, 0644));
   const std::string peer = dir + "/spoof_peer";
   ASSERT_TRUE(WriteFile(peer, ReadFile(KOVA_SPOOF_PEER), 0755));
@@ -99,8 +91,7 @@ TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
   ASSERT_TRUE(bus) << error;
   bus->ExportAsSystemBus();
 
-  // The service's user owns the name; its answer to the peer comes after a
-  // "PlayerAudioResync" for the peer to receive.
+  // The service owns the name and precedes its answer to the peer with a signal.
   auto service = std::make_unique<FakeKova>(bus->address());
   ASSERT_TRUE(service->ok()) << service->error();
   GDBusConnection *service_conn = service->connection();
@@ -112,8 +103,7 @@ TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
 
   std::vector<int> stops;
   const unsigned int handle = kova_register_player_video_stop_request_callback(OnStop, &stops);
-  ASSERT_NE(handle, 0u);
-  ASSERT_NE(handle, UINT_MAX);
+  ASSERT_TRUE(handle != 0u && handle != UINT_MAX);
   GDBusConnection *conn = _kova_dbus_get_connection();
   int probes = 0;
   const guint probe = g_dbus_connection_signal_subscribe(conn, nullptr, "org.zelta.tv.test.Probe", "PlayerVideoStop",
@@ -126,31 +116,21 @@ TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
   gchar *out = nullptr;
   gchar *err = nullptr;
   gint status = 0;
-  GError *spawn_error = nullptr;
   ASSERT_TRUE(g_spawn_sync(nullptr, const_cast<gchar **>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
-                           &err, &status, &spawn_error))
-      << spawn_error->message;
-  const std::string peer_out = out;
-  const std::string peer_err = err;
-  g_free(out);
-  g_free(err);
-  EXPECT_TRUE(g_spawn_check_wait_status(status, nullptr)) << peer_err;
+                           &err, &status, nullptr));
+  EXPECT_TRUE(g_spawn_check_wait_status(status, nullptr)) << err;
   // Everyone may call the service and hear its replies and signals; nobody
   // else may own its name.
-  EXPECT_EQ(peer_out, "own: denied\ncall: 5\nsignal: " + std::to_string(kSpoofedPlayer) + "\n") << peer_err;
+  EXPECT_EQ(std::string(out), "own: denied\ncall: 5\nsignal: " + std::to_string(kSpoofedPlayer) + "\n") << err;
+  g_free(out);
+  g_free(err);
 
   // The peer's call reached the service after its signals reached the bus;
   // one round trip later, anything the bus let through has been dispatched.
-  std::vector<Call> calls = service->CallsTo("PlayerVideoStopDone");
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_NE(calls[0].sender, g_dbus_connection_get_unique_name(conn));
+  ASSERT_EQ(service->CallsTo("PlayerVideoStopDone").size(), 1u);
   RoundTrip(*service);
   EXPECT_TRUE(stops.empty()) << "a spoofed PlayerVideoStop reached the callback";
-  for (const std::string &line : doubles::Messages()) {
-    EXPECT_EQ(line.find("Received(" + std::to_string(kSpoofedPlayer) + ")"), std::string::npos) << line;
-  }
-  // The bus does carry the peer's signals of other interfaces: the refusal
-  // above is the service's policy.
+  // The bus does carry the peer's other signals: the refusal is the service's policy.
   EXPECT_EQ(probes, 1);
 
   // The service's own request does arrive.
