@@ -82,10 +82,19 @@ void KovaTest::SetUp() {
   ASSERT_TRUE(service_->ok()) << service_->error();
 }
 
-void KovaTest::TearDown() {
+void KovaTest::CheckInterface() {
   if (service_ && !allow_off_interface_) {
     for (const std::string &v : service_->InterfaceViolations()) ADD_FAILURE() << "off the interface: " << v;
   }
+}
+
+void KovaTest::StopService() {
+  CheckInterface();
+  service_.reset();
+}
+
+void KovaTest::TearDown() {
+  CheckInterface();
   service_.reset();
   Drain();
 }

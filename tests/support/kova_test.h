@@ -46,8 +46,9 @@ class KovaTest : public ::testing::Test {
   // Lets this test call methods that are not in the service's interface file
   // (otherwise every call must match it, checked at tear-down).
   void AllowOffInterfaceCalls() { allow_off_interface_ = true; }
-  // Takes the service off the bus (its name is released).
-  void StopService() { service_.reset(); }
+  // Takes the service off the bus (its name is released), after checking the
+  // calls it received against the interface file.
+  void StopService();
   void Sync(GMainContext *ctx = nullptr) { kova_test::Sync(*service_, ctx); }
   // Emits a signal from the service after a round trip (Sync) from the
   // library's connection: subscriptions send their match rules to the bus
@@ -58,6 +59,8 @@ class KovaTest : public ::testing::Test {
   Call LastCall(const std::string &method);
 
  private:
+  void CheckInterface();
+
   std::unique_ptr<FakeKova> service_;
   bool allow_off_interface_ = false;
 };
