@@ -39,9 +39,9 @@ std::vector<char *> Argv(std::vector<std::string> &args) {
 // A process with its stdout on a pipe; terminated if still running at the end.
 struct Child {
   explicit Child(std::vector<std::string> args) {
-    EXPECT_TRUE(g_spawn_async_with_pipes(nullptr, Argv(args).data(), nullptr,
-                                         static_cast<GSpawnFlags>(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDERR_TO_DEV_NULL),
-                                         nullptr, nullptr, &pid, nullptr, &out, nullptr, nullptr));
+    const auto flags = static_cast<GSpawnFlags>(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDERR_TO_DEV_NULL);
+    EXPECT_TRUE(g_spawn_async_with_pipes(nullptr, Argv(args).data(), nullptr, flags, nullptr, nullptr, &pid, nullptr,
+                                         &out, nullptr, nullptr));
   }
   ~Child() {
     if (pid > 0) {
@@ -78,28 +78,25 @@ Outcome Kovactl(std::vector<std::string> args) {
   return o;
 }
 
-// One kova-sim for the suite; kovactl finds it through the environment.
+// One kova-sim on its own private bus for the suite; kovactl finds both
+// through the environment.
 class KovactlTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    std::string error;
-    bus_ = kova_test::PrivateBus::Start(&error).release();
-    ASSERT_NE(bus_, nullptr) << error;
-    bus_->ExportAsSystemBus();
     markers_ = kova_test::MakeTempDir("kovactl-markers");
     g_setenv("PELK_ROOT", markers_.c_str(), TRUE);
-    sim_ = new Child({KOVA_SIM_PATH, "--marker-root", markers_});
-    std::string line;  // "ready" once it serves
-    do line = ReadLine(sim_->out);
-    while (!line.empty() && line != "ready");
-    ASSERT_EQ(line, "ready");
+    sim_ = new Child({KOVA_SIM_PATH, "--private-bus", "--marker-root", markers_});
+    const std::string address = ReadLine(sim_->out);
+    ASSERT_EQ(address.rfind("DBUS_SYSTEM_BUS_ADDRESS=unix:", 0), 0u) << address;
+    for (const char *bus : {"DBUS_SYSTEM_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS"}) {  // never the host's
+      g_setenv(bus, address.c_str() + address.find('=') + 1, TRUE);
+    }
+    ASSERT_EQ(ReadLine(sim_->out), "ready");
   }
   static void TearDownTestSuite() {
-    delete sim_;  // terminated: it removes its markers
-    delete bus_;
+    delete sim_;  // terminated: it removes its markers and its bus
     kova_test::RemoveTree(markers_);
   }
-  static inline kova_test::PrivateBus *bus_ = nullptr;
   static inline Child *sim_ = nullptr;
   static inline std::string markers_;
 };
@@ -118,7 +115,8 @@ TEST_F(KovactlTest, EveryFamilyPrintsItsResultAndExitsByIt) {
       {{"player", "done", "audio-stop", "5"}, 1, "player-done result=-1\n"},  // nothing to acknowledge
       {{"player", "unregister", "5"}, 0, "player-unregister result=0\n"},
       {{"speaker", "register", "bar", "2"}, 0, "speaker-register result=0\n"},
-      {{"--json", "speaker", "audio-out", "bar"}, 0, "{\"event\":\"speaker-audio-out\",\"result\":0,\"audio_out\":2}\n"},
+      {{"--json", "speaker", "audio-out", "bar"}, 0,
+       "{\"event\":\"speaker-audio-out\",\"result\":0,\"audio_out\":2}\n"},
       {{"zones", "assign", "app.one", "2"}, 0, "zone-assign result=0\n"},
       {{"zones", "list"}, 0, "zone zone=1 scaler=0 app=\nzone zone=2 scaler=1 app=app.one\n"},
       {{"--json", "zones", "focused"}, 0, "{\"event\":\"focused-zone\",\"zone\":2,\"scaler\":1,\"app\":\"app.one\"}\n"},

@@ -115,7 +115,8 @@ TEST(SimPlayers, TheHolderHandsOverWhenItAcknowledgesTimesOutOrUnregisters) {
     SCOPED_TRACE(c.how);
     Kova k{Resources(1)};
     for (int id : {10, 20, 30}) k.PlayerRegister(1, id, 0);
-    EXPECT_EQ(Did(k, k.PlayerRequestPlay(100, 10)), Answer(kAudioOutMain, {Req(kVStart, 100, 10), Req(kAStart, 100, 10)}));
+    EXPECT_EQ(Did(k, k.PlayerRequestPlay(100, 10)),
+              Answer(kAudioOutMain, {Req(kVStart, 100, 10), Req(kAStart, 100, 10)}));
     if (c.started) {
       EXPECT_EQ(k.PlayerVideoStartDone(10) + k.PlayerAudioStartDone(10), 0);
     }
