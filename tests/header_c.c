@@ -1,113 +1,47 @@
-/* The public header compiles as C, and every declaration links. */
+/* The public header as a C program uses it: records, enumerations, callback
+ * types and prototypes. That every declared function is exported is the job
+ * of check_exports.sh. */
 #include "kova_api.h"
 
 #include <stddef.h>
 
-typedef void (*any_fn)(void);
+/* Enumerations take an int in C as in C++, so both sides agree on records and calls. */
+_Static_assert(sizeof(kova_layout_state_e) == sizeof(int) && KOVA_LAYOUT_STATE_FORCE_INT_MIN < 0, "enum size");
+_Static_assert(sizeof(kova_rsc_policy_e) == sizeof(int) && sizeof(kova_video_codec_e) == sizeof(int), "enum size");
+_Static_assert(sizeof(kova_audio_out_e) == sizeof(int) && sizeof(kova_player_audio_out_e) == sizeof(int), "enum size");
 
-/* Referenced from the C++ tests so that the linker resolves each address. */
-const any_fn kova_c_api_table[] = {
-    (any_fn)kova_player_register,
-    (any_fn)kova_player_unregister,
-    (any_fn)kova_player_request_stop,
-    (any_fn)kova_player_request_play,
-    (any_fn)kova_player_video_start_done,
-    (any_fn)kova_player_video_stop_done,
-    (any_fn)kova_player_audio_start_done,
-    (any_fn)kova_player_audio_stop_done,
-    (any_fn)kova_get_player_audio_out,
-    (any_fn)kova_register_player_video_start_request_callback,
-    (any_fn)kova_unregister_player_video_start_request_callback,
-    (any_fn)kova_register_player_video_stop_request_callback,
-    (any_fn)kova_unregister_player_video_stop_request_callback,
-    (any_fn)kova_register_player_audio_start_request_callback,
-    (any_fn)kova_unregister_player_audio_start_request_callback,
-    (any_fn)kova_register_player_audio_stop_request_callback,
-    (any_fn)kova_unregister_player_audio_stop_request_callback,
-    (any_fn)kova_register_player_audio_resync_request_callback,
-    (any_fn)kova_unregister_player_audio_resync_request_callback,
-    (any_fn)kova_extspk_info_register,
-    (any_fn)kova_extspk_info_unregister,
-    (any_fn)kova_get_extspk_info_audio_out,
-    /* zones and focus */
-    (any_fn)kova_get_zone_list,
-    (any_fn)kova_get_multiview_zone_list,
-    (any_fn)kova_get_next_zone,
-    (any_fn)kova_get_prev_zone,
-    (any_fn)kova_get_zone_id,
-    (any_fn)kova_zone_get_id,
-    (any_fn)kova_zone_get_scaler_id,
-    (any_fn)kova_zone_get_app_id,
-    (any_fn)kova_zone_free,
-    (any_fn)kova_free_zone_list,
-    (any_fn)kova_get_resource_zone_list,
-    (any_fn)kova_resource_zone_list_get_next,
-    (any_fn)kova_free_resource_zone_list,
-    (any_fn)kova_resource_zone_free,
-    (any_fn)kova_resource_zone_get_id,
-    (any_fn)kova_resource_zone_get_scaler_id,
-    (any_fn)kova_resource_zone_get_app_id,
-    (any_fn)kova_set_app_zone_info,
-    (any_fn)kova_remove_app_zone_info,
-    (any_fn)kova_set_pre_assigned_app_zone_info,
-    (any_fn)kova_set_removable_app_zone_info,
-    (any_fn)kova_clear_removable_app_zone_info,
-    (any_fn)kova_notify_layout_state,
-    (any_fn)kova_get_focused_zone,
-    (any_fn)kova_switch_best_quality_zone,
-    (any_fn)kova_restore_best_quality_zone,
-    (any_fn)kova_register_best_quality_zone_switched_callback,
-    (any_fn)kova_unregister_best_quality_zone_switched_callback,
-    (any_fn)kova_set_audio_focus,
-    (any_fn)kova_get_audio_focus,
-    (any_fn)kova_get_last_audio_focus,
-    (any_fn)kova_is_audio_focused,
-    (any_fn)kova_register_audio_focus_changed_callback,
-    (any_fn)kova_unregister_audio_focus_changed_callback,
-    (any_fn)kova_subscribe_audio_focus_zone_changed,
-    (any_fn)kova_unsubscribe_audio_focus_zone_changed,
-    (any_fn)kova_get_audio_focus_zone,
-    /* resource notifications and capabilities */
-    (any_fn)kova_register_resource_change_callback,
-    (any_fn)kova_unregister_resource_change_callback,
-    (any_fn)kova_rsc_max_resolution_changed,
-    (any_fn)kova_rsc_audio_out_changed,
-    (any_fn)kova_rsc_get_video_max_resolution,
-    (any_fn)kova_register_max_video_resolution_changed_callback,
-    (any_fn)kova_unregister_max_video_resolution_changed_callback,
-    (any_fn)kova_subscribe_max_video_resolution_changed,
-    (any_fn)kova_unsubscribe_max_video_resolution_changed,
-    (any_fn)kova_get_max_video_resolution,
-    (any_fn)kova_get_allowed_max_video_resolution,
-    (any_fn)kova_policy_get_max_resolution,
-    (any_fn)kova_get_capable_category_id,
-    /* resource policy */
-    (any_fn)kova_app_list_create_new,
-    (any_fn)kova_app_list_create_new_app,
-    (any_fn)kova_app_list_insert_app,
-    (any_fn)kova_app_list_add,
-    (any_fn)kova_app_list_free,
-    (any_fn)kova_app_list_get_count,
-    (any_fn)kova_app_list_get_first,
-    (any_fn)kova_app_list_get_next,
-    (any_fn)kova_app_list_get_prev,
-    (any_fn)kova_app_set_priority_video,
-    (any_fn)kova_app_set_priority_audio,
-    (any_fn)kova_app_get_app_id,
-    (any_fn)kova_app_get_zone_id,
-    (any_fn)kova_policy_info_create_new,
-    (any_fn)kova_policy_info_set_app_list,
-    (any_fn)kova_policy_info_set_option_remove_all_current_apps,
-    (any_fn)kova_policy_info_get_app_list,
-    (any_fn)kova_policy_info_get_policy,
-    (any_fn)kova_policy_info_free,
-    (any_fn)kova_set_resource_policy,
-    (any_fn)kova_set_resource_policy_internal,
-    (any_fn)kova_set_resource_policy_app_zone_info,
-    (any_fn)kova_set_pre_assigned_app_list,
-    (any_fn)kova_register_app_list,
-    (any_fn)kova_unregister_app_list,
-    (any_fn)kova_register_resource_policy_changed_callback,
-    (any_fn)kova_unregister_resource_policy_changed_callback,
+static void on_player(int player_id, void *user_data) { (void)player_id, (void)user_data; }
+static void on_zone(kova_zone *zone, void *user_data) { (void)zone->app_id, (void)user_data; }
+static void on_resource(const char *app_id, kova_resource *resource, void *user_data) {
+  (void)app_id, (void)resource->framerate, (void)user_data;
+}
+static void on_policy(kova_policy_info *info, void *user_data) {
+  (void)info->app_list->count, (void)info->remove_all_current_apps, (void)user_data;
+}
+
+/* Each member has the type a C caller writes: a prototype or callback type
+ * that differs does not compile. */
+const struct {
+  int (*request_play)(int, kova_audio_out_e *);
+  int (*player_audio_out)(int, kova_player_audio_out_e *);
+  unsigned int (*on_video_start)(kova_player_video_request_cb, void *);
+  int (*zone_list)(void **);
+  int (*layout)(kova_layout_state_e);
+  unsigned int (*on_focus_zone)(kova_audio_focus_zone_changed_cb, void *);
+  int (*on_resource)(const char *, kova_resource_change_cb, void *);
+  int (*max_resolution)(kova_rsc_policy_e, kova_video_codec_e, int *, int *, int *);
+  kova_app *(*first_app)(kova_app_list_h);
+  int (*remove_all)(kova_policy_info *, bool);
+  unsigned int (*on_policy)(kova_policy_changed_cb, void *);
+  kova_player_video_request_cb player_cb;
+  kova_audio_focus_zone_changed_cb zone_cb;
+  kova_resource_change_cb resource_cb;
+  kova_policy_changed_cb policy_cb;
+} kova_c_api = {
+    kova_player_request_play, kova_get_player_audio_out, kova_register_player_video_start_request_callback,
+    kova_get_zone_list, kova_notify_layout_state, kova_subscribe_audio_focus_zone_changed,
+    kova_register_resource_change_callback, kova_policy_get_max_resolution, kova_app_list_get_first,
+    kova_policy_info_set_option_remove_all_current_apps, kova_register_resource_policy_changed_callback,
+    on_player, on_zone, on_resource, on_policy,
 };
-const size_t kova_c_api_count = sizeof kova_c_api_table / sizeof kova_c_api_table[0];
+const size_t kova_c_api_count = sizeof kova_c_api / sizeof kova_c_api.layout;
