@@ -74,7 +74,7 @@ class CapabilityTest : public KovaTest {
   void SetUp() override {
     KovaTest::SetUp();
     doubles::SetOptionMask(kOption);
-    doubles::SetCategories(doubles::Predicate::kVideoDecoder, {1000, 1010, 1012, 1153});
+    doubles::SetCategories(doubles::Predicate::kVideoDecoder, {1000, 1010, 1011, 1012, 1152, 1153});
     doubles::SetCategories(doubles::Predicate::kAudioDecoder, {2000});
     doubles::SetCategories(doubles::Predicate::kAudioOut, {3000});
     doubles::SetCategories(doubles::Predicate::kVideoScaler, {4000, 4009});
@@ -97,6 +97,8 @@ TEST_F(CapabilityTest, AsksTheServiceOnlyWhenTheTableSays) {
       Row{true,  3000,           20,  kNone,                 false},  // audio: after 20 whole seconds
       Row{true,  3000,           21,  kNone,                 true},
       Row{true,  1010,           100, kInterlaced,           true},   // H.264 on a limited model
+      Row{true,  1011,           100, kPortrait,             true},
+      Row{true,  1152,           100, kInterlaced,           true},
       Row{true,  1153 | kOption, 100, kPortrait,             true},
       Row{true,  1012,           100, kInterlaced|kPortrait, false},  // not one of the H.264 categories
       Row{true,  4009 | kOption, 100, kHdmi,                 true},   // the HDMI-dedicated scaler
