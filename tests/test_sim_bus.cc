@@ -45,7 +45,8 @@ const auto *const kEnv = ::testing::AddGlobalTestEnvironment(new BusEnvironment)
 template <typename Done>
 bool WaitUntil(Done done) {
   bool late = false;
-  const guint timer = g_timeout_add(kTimeoutMs, [](gpointer l) { return *static_cast<bool *>(l) = true, FALSE; }, &late);
+  const auto expire = [](gpointer l) { return *static_cast<bool *>(l) = true, FALSE; };
+  const guint timer = g_timeout_add(kTimeoutMs, expire, &late);
   while (!done() && !late) g_main_context_iteration(nullptr, TRUE);
   if (!late) g_source_remove(timer);
   return done();
