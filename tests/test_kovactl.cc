@@ -1,5 +1,4 @@
-// kovactl as a user runs it: a subprocess against kova-sim on a private bus,
-// checked by its output lines and exit status.
+// kovactl as a user runs it, against kova-sim on a private bus: output lines and exit status.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -44,10 +43,7 @@ struct Child {
                                          &out, nullptr, nullptr));
   }
   ~Child() {
-    if (pid > 0) {
-      kill(pid, SIGTERM);
-      Wait();
-    }
+    if (pid > 0 && kill(pid, SIGTERM) == 0) Wait();
     if (out >= 0) close(out);
   }
   int Wait() {
@@ -68,18 +64,15 @@ struct Outcome {
 // Runs kovactl to the end.
 Outcome Kovactl(std::vector<std::string> args) {
   args.insert(args.begin(), KOVACTL_PATH);
-  gchar *out = nullptr, *err = nullptr;
+  g_autofree gchar *out = nullptr;
+  g_autofree gchar *err = nullptr;
   int status = 0;
   const bool ran = g_spawn_sync(nullptr, Argv(args).data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, &out, &err,
                                 &status, nullptr);
-  Outcome o = {ran && WIFEXITED(status) ? WEXITSTATUS(status) : -1, out ? out : "", err ? err : ""};
-  g_free(out);
-  g_free(err);
-  return o;
+  return {ran && WIFEXITED(status) ? WEXITSTATUS(status) : -1, out ? out : "", err ? err : ""};
 }
 
-// One kova-sim on its own private bus for the suite; kovactl finds both
-// through the environment.
+// One kova-sim on its own private bus for the suite; kovactl finds both through the environment.
 class KovactlTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -111,33 +104,20 @@ TEST_F(KovactlTest, EveryFamilyPrintsItsResultAndExitsByIt) {
   } cases[] = {
       {{"player", "register", "5"}, 0, "player-register result=5\n"},
       {{"player", "play", "5"}, 0, "player-play result=0 audio_out=1\n"},
-      {{"--json", "player", "audio-out", "5"}, 0, "{\"event\":\"player-audio-out\",\"result\":0,\"audio_out\":1}\n"},
       {{"player", "done", "audio-stop", "5"}, 1, "player-done result=-1\n"},  // nothing to acknowledge
-      {{"player", "unregister", "5"}, 0, "player-unregister result=0\n"},
       {{"speaker", "register", "bar", "2"}, 0, "speaker-register result=0\n"},
-      {{"--json", "speaker", "audio-out", "bar"}, 0,
-       "{\"event\":\"speaker-audio-out\",\"result\":0,\"audio_out\":2}\n"},
       {{"zones", "assign", "app.one", "2"}, 0, "zone-assign result=0\n"},
       {{"zones", "list"}, 0, "zone zone=1 scaler=0 app=\nzone zone=2 scaler=1 app=app.one\n"},
       {{"--json", "zones", "focused"}, 0, "{\"event\":\"focused-zone\",\"zone\":2,\"scaler\":1,\"app\":\"app.one\"}\n"},
-      {{"zones", "remove", "nobody.here", "1"}, 1, "zone-remove result=-1\n"},  // in no zone: refused
       {{"focus", "set", "2"}, 0, "audio-focus-set result=0\n"},
       {{"focus", "get"}, 0, "audio-focus result=0 zone=2\n"},
-      {{"focus", "is", "app.one"}, 0, "audio-focused result=1\n"},
       {{"best-zone", "switch", "2", "0"}, 0, "best-zone-switch result=0\n"},
-      {{"best-zone", "switch", "5", "0"}, 1, "best-zone-switch result=-1\n"},
       {{"resolution", "get", "app.one"}, 0, "max-resolution result=0 width=3840 height=2160 framerate=60\n"},
       {{"category", "1", "app.one", "1010"}, 0, "capable-category result=1010\n"},
       {{"policy", "set", "2", "owner", "app.one:1:2"}, 0, "policy-set result=0\n"},
-      {{"policy", "unregister-list", "1", "nobody"}, 1, "app-list-unregister result=-1\n"},
       // Bad usage: a message, nothing on stdout.
       {{}, 2, "", HasSubstr("a family is needed")},
-      {{"bogus"}, 2, "", HasSubstr("unknown family 'bogus'")},
       {{"player", "play", "five"}, 2, "", HasSubstr("player id must be an integer, not 'five'")},
-      {{"player", "play"}, 2, "", HasSubstr("usage: kovactl player play ID")},
-      {{"zones", "spin"}, 2, "", HasSubstr("unknown command for zones: spin")},
-      {{"--frobnicate", "zones", "list"}, 2, "", HasSubstr("unknown option '--frobnicate'")},
-      {{"monitor", "-n", "0"}, 2, "", HasSubstr("the count must be positive")},
       {{"zones", "list", "--help"}, 0, HasSubstr("kovactl zones list [--multiview]")},
       {{"monitor", "-n", "1", "-t", "1"}, 1, "ready\n"},  // fewer events than asked for
   };
@@ -156,9 +136,7 @@ TEST_F(KovactlTest, HelpOnEveryLevel) {
   for (const std::string family :
        {"player", "speaker", "zones", "focus", "best-zone", "resolution", "category", "policy", "monitor"}) {
     EXPECT_THAT(top.out, HasSubstr("kovactl " + family));
-    const Outcome one = Kovactl({family, "--help"});
-    EXPECT_EQ(one.status, 0) << family;
-    EXPECT_THAT(one.out, HasSubstr("kovactl " + family));
+    EXPECT_THAT(Kovactl({family, "--help"}).out, HasSubstr("kovactl " + family)) << family;
   }
 }
 
