@@ -23,7 +23,6 @@ struct State {
   int mask = 1;
   std::vector<int> audio_out_queries;
   int option_mask = 0;
-  int unmask_calls = 0;
   std::map<Predicate, std::set<int>> categories;
   bool support_hdmi = false;
   bool h264_interlaced = false;
@@ -69,7 +68,6 @@ void Reset() {
   s.mask = 1;
   s.audio_out_queries.clear();
   s.option_mask = 0;
-  s.unmask_calls = 0;
   s.categories.clear();
   s.support_hdmi = false;
   s.h264_interlaced = false;
@@ -144,11 +142,6 @@ std::vector<int> AudioOutQueries() {
 void SetOptionMask(int mask) {
   std::lock_guard<std::mutex> lock(state().mutex);
   state().option_mask = mask;
-}
-
-int UnmaskCalls() {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  return state().unmask_calls;
 }
 
 void SetCategories(Predicate predicate, std::set<int> categories) {
@@ -244,7 +237,6 @@ __attribute__((visibility("default"))) int brask_get_active_audio_out(int player
 
 __attribute__((visibility("default"))) int brask_unmask_category_options(int category) {
   std::lock_guard<std::mutex> lock(doubles::state().mutex);
-  ++doubles::state().unmask_calls;
   return category & ~doubles::state().option_mask;
 }
 

@@ -57,7 +57,6 @@ std::vector<std::string> Timeline();
 void SetActiveAudioOutMask(int mask);
 std::vector<int> AudioOutQueries();  // player ids asked about
 void SetOptionMask(int mask);        // bits that unmasking removes
-int UnmaskCalls();
 
 // libostel.
 enum class Predicate {
