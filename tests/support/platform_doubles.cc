@@ -27,7 +27,6 @@ struct State {
   bool support_hdmi = false;
   bool h264_interlaced = false;
   bool h264_portrait = false;
-  std::vector<std::string> predicate_calls;
 };
 
 State &state() {
@@ -40,17 +39,15 @@ bool verbose() {
   return v;
 }
 
-bool has_category(Predicate p, int category, const char *name) {
+bool has_category(Predicate p, int category) {
   State &s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
-  s.predicate_calls.push_back(std::string(name) + " " + std::to_string(category));
   return s.categories[p].count(category) != 0;
 }
 
-bool model_flag(bool State::*flag, const char *name) {
+bool model_flag(bool State::*flag) {
   State &s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
-  s.predicate_calls.push_back(name);
   return s.*flag;
 }
 
@@ -72,7 +69,6 @@ void Reset() {
   s.support_hdmi = false;
   s.h264_interlaced = false;
   s.h264_portrait = false;
-  s.predicate_calls.clear();
 }
 
 std::vector<LogLine> Logs() {
@@ -164,11 +160,6 @@ void SetH264PortraitSeamlessLimited(bool value) {
   state().h264_portrait = value;
 }
 
-std::vector<std::string> PredicateCalls() {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  return state().predicate_calls;
-}
-
 }  // namespace doubles
 
 using doubles::Predicate;
@@ -241,31 +232,31 @@ __attribute__((visibility("default"))) int brask_unmask_category_options(int cat
 }
 
 __attribute__((visibility("default"))) bool ostel_is_video_decoder_category(int category) {
-  return doubles::has_category(Predicate::kVideoDecoder, category, "video_decoder");
+  return doubles::has_category(Predicate::kVideoDecoder, category);
 }
 __attribute__((visibility("default"))) bool ostel_is_audio_decoder_category(int category) {
-  return doubles::has_category(Predicate::kAudioDecoder, category, "audio_decoder");
+  return doubles::has_category(Predicate::kAudioDecoder, category);
 }
 __attribute__((visibility("default"))) bool ostel_is_audio_out_category(int category) {
-  return doubles::has_category(Predicate::kAudioOut, category, "audio_out");
+  return doubles::has_category(Predicate::kAudioOut, category);
 }
 __attribute__((visibility("default"))) bool ostel_is_video_scaler_category(int category) {
-  return doubles::has_category(Predicate::kVideoScaler, category, "video_scaler");
+  return doubles::has_category(Predicate::kVideoScaler, category);
 }
 __attribute__((visibility("default"))) bool ostel_is_mjpeg_decoder_category(int category) {
-  return doubles::has_category(Predicate::kMjpegDecoder, category, "mjpeg_decoder");
+  return doubles::has_category(Predicate::kMjpegDecoder, category);
 }
 __attribute__((visibility("default"))) bool ostel_is_hdmi_dedicated_scaler_category(int category) {
-  return doubles::has_category(Predicate::kHdmiDedicatedScaler, category, "hdmi_dedicated_scaler");
+  return doubles::has_category(Predicate::kHdmiDedicatedScaler, category);
 }
 __attribute__((visibility("default"))) bool ostel_support_hdmi_dedicated_scaler(void) {
-  return doubles::model_flag(&doubles::State::support_hdmi, "support_hdmi");
+  return doubles::model_flag(&doubles::State::support_hdmi);
 }
 __attribute__((visibility("default"))) bool ostel_is_h264_interlaced_limited_model(void) {
-  return doubles::model_flag(&doubles::State::h264_interlaced, "h264_interlaced");
+  return doubles::model_flag(&doubles::State::h264_interlaced);
 }
 __attribute__((visibility("default"))) bool ostel_is_h264_portrait_seamless_playback_limited_model(void) {
-  return doubles::model_flag(&doubles::State::h264_portrait, "h264_portrait");
+  return doubles::model_flag(&doubles::State::h264_portrait);
 }
 
 }  // extern "C"

@@ -71,7 +71,6 @@ void SetCategories(Predicate predicate, std::set<int> categories);
 void SetSupportHdmiDedicatedScaler(bool value);
 void SetH264InterlacedLimited(bool value);
 void SetH264PortraitSeamlessLimited(bool value);
-std::vector<std::string> PredicateCalls();  // "video_decoder 1010", "support_hdmi", ...
 
 }  // namespace doubles
 
