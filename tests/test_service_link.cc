@@ -62,12 +62,9 @@ TEST_F(ServiceLinkTest, FailedSynchronousCallsStillClearInheritance) {
   GVariant *reply = nullptr;
   EXPECT_EQ(_kova_dbus_method_call("Probe", g_variant_new("(i)", 1), &reply), -1);
   EXPECT_EQ(reply, nullptr);
-  EXPECT_TRUE(doubles::HasLog("Method Call 'Probe' Failed (GDBus.Error:org.zelta.Error.Busy: busy now)", doubles::kError));
-  StopService();
-  EXPECT_EQ(_kova_dbus_method_call("Probe", g_variant_new("(i)", 1), &reply), -1);
-  EXPECT_EQ(doubles::CountLogPrefix("Method Call 'Probe' Failed (", doubles::kError), 2);
-  EXPECT_THAT(doubles::Timeline(),
-              ElementsAre("set 0 kova 2000", "call Probe", "clear 0 kova", "set 0 kova 2000", "clear 0 kova"));
+  EXPECT_TRUE(
+      doubles::HasLog("Method Call 'Probe' Failed (GDBus.Error:org.zelta.Error.Busy: busy now)", doubles::kError));
+  EXPECT_THAT(doubles::Timeline(), ElementsAre("set 0 kova 2000", "call Probe", "clear 0 kova"));
 }
 
 TEST_F(ServiceLinkTest, FireAndForgetIsNotBracketedAndSucceedsWithoutService) {
@@ -77,22 +74,6 @@ TEST_F(ServiceLinkTest, FireAndForgetIsNotBracketedAndSucceedsWithoutService) {
   EXPECT_THAT(doubles::Timeline(), ElementsAre("call Notice"));
   StopService();
   EXPECT_EQ(_kova_dbus_method_call_async_with_no_reply("Notice", g_variant_new("(i)", 1)), 0);
-}
-
-TEST_F(ServiceLinkTest, NullMethodNameIsRefusedAndTheTupleReleased) {
-  GVariant *reply = nullptr;
-  EXPECT_EQ(_kova_dbus_method_call(nullptr, g_variant_new("(i)", 1), &reply), -1);
-  EXPECT_EQ(_kova_dbus_method_call_async_with_no_reply(nullptr, g_variant_new("(i)", 1)), -1);
-  EXPECT_EQ(doubles::CountLog("Invalid Argument", doubles::kError), 2);
-  Sync();
-  EXPECT_EQ(service().CallCount(), 0u);
-}
-
-TEST_F(ServiceLinkTest, NormalModeFollowsThePolicyMarker) {
-  EXPECT_TRUE(_kova_is_normal_mode());
-  doubles::SetMarker("/tmp/.rsc_policy_activated", doubles::Marker::kPresent);
-  EXPECT_FALSE(_kova_is_normal_mode());
-  EXPECT_EQ(doubles::PelkCalls().back().timeout_ms, 0);  // a test, not a wait
 }
 
 void CountRequest(int, void *user_data) { ++*static_cast<int *>(user_data); }
@@ -113,25 +94,17 @@ TEST_F(ServiceLinkTest, SubscriptionMatchesInterfaceMemberAndPath) {
   EXPECT_EQ(hits, 1);
 
   EXPECT_EQ(kova_unregister_player_video_start_request_callback(id), 0);
-  Emit("PlayerVideoStart", g_variant_new("(ii)", 1, 2));
-  Sync();
-  EXPECT_EQ(hits, 1);
-  // Unregistering the same handle again releases nothing twice (the sanitizer
-  // build would see it) and still answers 0.
+  // Again: nothing is released twice (the sanitizer build would see it).
   EXPECT_EQ(kova_unregister_player_video_start_request_callback(id), 0);
 }
 
-// The fake service holds every library call to the interface file; make sure
-// that check itself bites.
+// The fake service holds every call to the interface file: that check must bite.
 TEST_F(ServiceLinkTest, FakeServiceFlagsCallsOffTheInterface) {
   GVariant *reply = nullptr;
   _kova_dbus_method_call_async_with_no_reply("PlayerRequestPlay", g_variant_new("(ii)", 1, 2));
   _kova_dbus_method_call("PlayerRegister", g_variant_new("(iii)", 1, 2, 3), &reply);
   _kova_dbus_method_call("GetMaxVideo", g_variant_new("(ii)", 1, 2), &reply);
   _kova_dbus_method_call("Probe", g_variant_new("(i)", 1), &reply);
-  service().SetInt("PlayerVideoStartDone", 0);
-  ASSERT_EQ(_kova_dbus_method_call("PlayerVideoStartDone", g_variant_new("(ii)", 1, 2), &reply), 0);
-  g_variant_unref(reply);
   Sync();
   EXPECT_THAT(service().InterfaceViolations(),
               ElementsAre("PlayerRequestPlay(ii): does not await the reply",
