@@ -76,6 +76,17 @@ TEST_F(ServiceLinkTest, FireAndForgetIsNotBracketedAndSucceedsWithoutService) {
   EXPECT_EQ(_kova_dbus_method_call_async_with_no_reply("Notice", g_variant_new("(i)", 1)), 0);
 }
 
+// The tuple is floating; a refusal must still sink and release it (the
+// sanitizer build's leak check).
+TEST_F(ServiceLinkTest, NullMethodNameIsRefusedAndTheTupleReleased) {
+  GVariant *reply = nullptr;
+  EXPECT_EQ(_kova_dbus_method_call(nullptr, g_variant_new("(i)", 1), &reply), -1);
+  EXPECT_EQ(_kova_dbus_method_call_async_with_no_reply(nullptr, g_variant_new("(i)", 1)), -1);
+  EXPECT_EQ(doubles::CountLog("Invalid Argument", doubles::kError), 2);
+  Sync();
+  EXPECT_EQ(service().CallCount(), 0u);
+}
+
 void CountRequest(int, void *user_data) { ++*static_cast<int *>(user_data); }
 
 TEST_F(ServiceLinkTest, SubscriptionMatchesInterfaceMemberAndPath) {
