@@ -124,6 +124,7 @@ TEST_P(RegistryTest, TwoApplicationsShareOneSubscription) {
                           signal + "ignored, unexpected type ((s))"));
 
   ASSERT_EQ(R().unreg("app.a"), 0);
+  EXPECT_EQ(Unsubscribes(), 0);  // app.b still holds it
   ASSERT_EQ(R().unreg("app.b"), 0);
   const Call unreg = LastCall(R().unreg_method);
   EXPECT_EQ(unreg.args.text(), "(" + std::to_string(unreg.args.i32(0)) + ", " + pid + "'app.b', " + cb + ")");
