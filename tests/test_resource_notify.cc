@@ -202,5 +202,26 @@ TEST_P(RegistryTest, CallbackMayUnregisterItsOwnIdAndRegisterAnother) {
 INSTANTIATE_TEST_SUITE_P(Both, RegistryTest, ::testing::Values(kResource, kMaxRez),
                          [](const auto &p) { return std::string(p.param.signal); });
 
+// Unregistration goes by application id alone; the callback given is only
+// passed on to the service. An id may be in both registries at once.
+void OtherResourceCallback(const char *, kova_resource *, void *) {}
+
+using AppIdTest = KovaTest;
+
+TEST_F(AppIdTest, UnregistrationMatchesTheIdAndSendsTheCallbackGiven) {
+  for (const char *m : {"RscChangeRegId", "RscChangeUnRegId", "MaxVideoRegId", "MaxVideoUnRegId"}) {
+    service().SetInt(m, 0);
+  }
+  Probe p{"app.x"};
+  ASSERT_EQ(kova_register_resource_change_callback("app.x", OnResource, &p), 0);
+  ASSERT_EQ(kova_register_max_video_resolution_changed_callback("app.x", OnMaxRez, &p), 0);
+  EXPECT_EQ(kova_unregister_resource_change_callback("app.x", OtherResourceCallback), 0);
+  EXPECT_EQ(LastCall("RscChangeUnRegId").args.u32(3),
+            static_cast<guint32>(reinterpret_cast<uintptr_t>(&OtherResourceCallback)));
+  Emit("MaxRezChanged", g_variant_new("(siii)", "app.x", 1, 2, 3));
+  EXPECT_TRUE(WaitUntil([&] { return p.calls == 1; }));  // the other registry still holds app.x
+  EXPECT_EQ(kova_unregister_max_video_resolution_changed_callback("app.x", OnMaxRez), 0);
+}
+
 }  // namespace
 }  // namespace kova_test
