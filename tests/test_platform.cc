@@ -80,7 +80,8 @@ TEST(MarloStandIn, WritesOneReadableLinePerCall) {
   char buf[256];
   for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
   close(fds[0]);
-  EXPECT_EQ(out, "I/KOVA_API(2): f.cc: fn(12) > >>\nE/KOVA_API(2): failed -1\n?/(-13): odd\nI/KOVA_API(2): " + long_text + "!\n");
+  EXPECT_EQ(out, "I/KOVA_API(2): f.cc: fn(12) > >>\nE/KOVA_API(2): failed -1\n?/(-13): odd\n"
+                 "I/KOVA_API(2): " + long_text + "!\n");
 }
 
 }  // namespace

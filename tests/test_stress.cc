@@ -385,7 +385,9 @@ TEST_F(StressTest, ConcurrentCallsAndRegistrationsLoseAndMisdeliverNothing) {
   std::vector<std::thread> registrars;
   for (int t = 0; t < kRegistrationThreads; ++t) {
     registrars.emplace_back([this, t, &registrations] {
-      for (int c = 0; c < kCyclesPerThread; ++c) Cycle(registrations[static_cast<size_t>(t * kCyclesPerThread + c)].get());
+      for (int c = 0; c < kCyclesPerThread; ++c) {
+        Cycle(registrations[static_cast<size_t>(t * kCyclesPerThread + c)].get());
+      }
     });
   }
 
