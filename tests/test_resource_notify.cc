@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <functional>
 #include <future>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,9 @@ struct Registry {
   const char *received;
   Ints delivered;  // what OnResource / OnMaxRez hand on from that signal
 };
+
+// gtest would otherwise print the parameter's bytes, padding included.
+void PrintTo(const Registry &r, std::ostream *os) { *os << r.signal; }
 
 const Registry kResource{
     [](const char *app, Probe *p) { return kova_register_resource_change_callback(app, OnResource, p); },
