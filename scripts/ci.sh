@@ -4,7 +4,9 @@
 #  2. memcheck over the integration tests of that build (label valgrind);
 #  3. build-asan: AddressSanitizer + UndefinedBehaviorSanitizer, leak detection
 #     on, the whole suite;
-#  4. build-tsan: ThreadSanitizer, the tests labelled concurrency;
+#  4. build-tsan: ThreadSanitizer, the whole suite (the stress test, and every
+#     test where a callback, the fake service or a second thread runs
+#     alongside the caller);
 #  5. build-fuzz: every libFuzzer target for a short while over its corpus.
 # Prints how long each step took. Sanitizer builds skip the benchmarks.
 set -euo pipefail
@@ -33,8 +35,7 @@ step "test suite under address,undefined" in_dir "$root/build-asan" ctest --outp
 
 step "build thread" "$root/scripts/build.sh" "$root/build-tsan" \
   -DKOVA_SANITIZE=thread -DKOVA_BUILD_BENCH=OFF -DKOVA_BUILD_EXAMPLES=OFF
-step "concurrency tests under thread" in_dir "$root/build-tsan" \
-  ctest -L concurrency --output-on-failure -j "$jobs"
+step "test suite under thread" in_dir "$root/build-tsan" ctest --output-on-failure -j "$jobs"
 
 step "fuzz (scripts/fuzz.sh)" bash "$root/scripts/fuzz.sh" "${KOVA_CI_FUZZ_SECONDS:-10}"
 
