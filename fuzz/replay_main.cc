@@ -1,4 +1,4 @@
-// Runs a fuzz target over files and directories of inputs, for builds
+// Runs a fuzz target over input files and directories of them, for builds
 // without libFuzzer (the corpus replay in the ordinary test suite).
 #include <cstdint>
 #include <cstdio>
@@ -9,37 +9,24 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-namespace {
-
-int run_file(const std::filesystem::path &p) {
-  std::ifstream f(p, std::ios::binary);
-  if (!f) {
-    std::fprintf(stderr, "cannot read %s\n", p.c_str());
-    return 1;
-  }
-  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-  return 0;
-}
-
-}  // namespace
-
 int main(int argc, char **argv) {
-  int failed = 0;
-  int ran = 0;
+  std::vector<std::filesystem::path> inputs;
   for (int i = 1; i < argc; ++i) {
-    std::filesystem::path arg(argv[i]);
-    if (std::filesystem::is_directory(arg)) {
-      for (const auto &entry : std::filesystem::directory_iterator(arg)) {
-        if (!entry.is_regular_file()) continue;
-        failed += run_file(entry.path());
-        ++ran;
-      }
+    if (std::filesystem::is_directory(argv[i])) {
+      for (const auto &entry : std::filesystem::directory_iterator(argv[i])) inputs.push_back(entry.path());
     } else {
-      failed += run_file(arg);
-      ++ran;
+      inputs.emplace_back(argv[i]);
     }
   }
-  std::printf("%d inputs run\n", ran);
-  return failed != 0 || ran == 0 ? 1 : 0;
+  for (const auto &p : inputs) {
+    std::ifstream f(p, std::ios::binary);
+    if (!f) {
+      std::fprintf(stderr, "cannot read %s\n", p.c_str());
+      return 1;
+    }
+    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+  }
+  std::printf("%zu inputs run\n", inputs.size());
+  return inputs.empty() ? 1 : 0;
 }
