@@ -51,18 +51,9 @@ void step(State &s, uint8_t op, fuzz::Reader &in) {
     case 2: kova_resource_zone_get_app_id(kova_resource_zone_list_get_next(s.zones)); break;
     case 3: s.lists.push_back(kova_app_list_create_new()); break;
     case 4: {
-      // Added by id and zone (bit 7 clear), or created, given priorities and inserted.
       kova_app_list_h l = pick(s.lists, in);
       const std::string app_id = text(in);
-      const int value = static_cast<int8_t>(in.byte());
-      if ((op & 0x80) == 0) {
-        kova_app_list_add(l, value, app_id.c_str());
-        break;
-      }
-      kova_app *app = kova_app_list_create_new_app(app_id.c_str());
-      kova_app_set_priority_video(app, value);
-      kova_app_set_priority_audio(app, -value);
-      if (kova_app_list_insert_app(l, app) == nullptr) kova_app_free(app);
+      kova_app_list_add(l, static_cast<int8_t>(in.byte()), app_id.c_str());
       break;
     }
     case 5: {
@@ -106,7 +97,6 @@ void step(State &s, uint8_t op, fuzz::Reader &in) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  fuzz::init();
   fuzz::Reader in(data, size);
   const uint8_t flags = in.byte();
   fuzz::set_reply(in.variant(false));

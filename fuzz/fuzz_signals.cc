@@ -67,7 +67,6 @@ void on_max_rez(const char *app_id, int width, int height, int framerate, void *
 std::vector<fuzz::Subscription> targets;
 
 void setup() {
-  fuzz::init();
   kova_register_player_video_start_request_callback(on_player_request, kUserData);
   kova_register_player_video_stop_request_callback(on_player_request, kUserData);
   kova_register_player_audio_start_request_callback(on_player_request, kUserData);

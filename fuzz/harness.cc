@@ -19,7 +19,17 @@ Platform platform;
 std::vector<Subscription> subscriptions;
 
 namespace {
+
 GVariant *scripted_reply = nullptr;
+
+// GLib warnings and criticals are fatal; the system bus, which the registries
+// ask GIO for themselves, fails fast.
+[[maybe_unused]] const bool initialised = [] {
+  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/kova-fuzz-bus", 1);
+  return true;
+}();
+
 }  // namespace
 
 GVariant *Reader::variant(bool rest) {
@@ -43,15 +53,6 @@ GVariant *Reader::variant(bool rest) {
   // A private, suitably aligned copy, as GDBus hands out.
   gpointer copy = g_memdup2(bytes, length);
   return g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE(type.c_str()), copy, length, FALSE, g_free, copy));
-}
-
-void init() {
-  static bool done = false;
-  if (done) return;
-  done = true;
-  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
-  // The registries ask GIO for the system bus themselves; make that fail fast.
-  setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/kova-fuzz-bus", 1);
 }
 
 void set_reply(GVariant *reply) {

@@ -1,5 +1,6 @@
 // Shared pieces of the fuzz targets: the input reader, the bus replacement
-// (scripted replies, recorded subscriptions) and the platform switches.
+// (scripted replies, recorded subscriptions) and the platform switches. GLib
+// warnings and criticals abort.
 #ifndef KOVA_FUZZ_HARNESS_H
 #define KOVA_FUZZ_HARNESS_H
 
@@ -27,9 +28,6 @@ class Reader {
   size_t size_;
   size_t pos_ = 0;
 };
-
-// Makes GLib warnings and criticals fatal and the system bus unreachable.
-void init();
 
 // Read by the platform stand-ins: the service's readiness marker, the
 // policy-activated marker (not normal mode) and the monotonic clock.

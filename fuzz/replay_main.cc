@@ -10,23 +10,19 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 int main(int argc, char **argv) {
-  std::vector<std::filesystem::path> inputs;
-  for (int i = 1; i < argc; ++i) {
-    if (std::filesystem::is_directory(argv[i])) {
-      for (const auto &entry : std::filesystem::directory_iterator(argv[i])) inputs.push_back(entry.path());
-    } else {
-      inputs.emplace_back(argv[i]);
+  std::vector<std::filesystem::path> inputs(argv + 1, argv + argc);
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    if (std::filesystem::is_directory(inputs[i])) {
+      inputs.insert(inputs.end(), std::filesystem::directory_iterator(inputs[i]), {});
+      continue;
     }
-  }
-  for (const auto &p : inputs) {
-    std::ifstream f(p, std::ios::binary);
+    std::ifstream f(inputs[i], std::ios::binary);
+    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
     if (!f) {
-      std::fprintf(stderr, "cannot read %s\n", p.c_str());
+      std::fprintf(stderr, "cannot read %s\n", inputs[i].c_str());
       return 1;
     }
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
   }
-  std::printf("%zu inputs run\n", inputs.size());
   return inputs.empty() ? 1 : 0;
 }
