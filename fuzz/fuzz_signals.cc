@@ -81,9 +81,13 @@ void setup() {
   targets.push_back({"BestQualitZoneSwitched", onBestQualityZoneSwitched, nullptr, nullptr});
   targets.push_back({"AppRscChanged", onRezChanged, nullptr, nullptr});
   targets.push_back({"MaxRezChanged", onMaxRezChanged, nullptr, nullptr});
-  // The registrations end with the process, before the registries go. A
-  // signal may name one of these application ids, or another.
-  std::atexit([] { _kova_remove_best_quality_zone_switched_callback(on_best_zone); });
+  // The registrations end with the process, before the registries go, as a
+  // closing bus would end the subscriptions. A signal may name one of these
+  // application ids, or another.
+  std::atexit([] {
+    _kova_remove_best_quality_zone_switched_callback(on_best_zone);
+    for (unsigned int id = 1; id <= fuzz::subscriptions.size(); ++id) kova_fuzz_unsubscribe(id);
+  });
   for (const char *id : {"app.a", "", "org.example.player"}) {
     _kova_add_resource_change_cb(id, on_resource, kUserData);
     _kova_add_max_video_resolution_cb(id, on_max_rez, kUserData);
