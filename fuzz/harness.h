@@ -1,6 +1,6 @@
 // Shared pieces of the fuzz targets: the input reader, the bus replacement
-// (scripted replies, recorded subscriptions) and the platform stand-ins'
-// switches.
+// (scripted replies, recorded subscriptions) and the platform switches. GLib
+// warnings and criticals abort.
 #ifndef KOVA_FUZZ_HARNESS_H
 #define KOVA_FUZZ_HARNESS_H
 
@@ -8,22 +8,20 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace fuzz {
 
-// Reads the fuzz input front to back; past the end every read gives zeros.
+// Reads the input front to back; past the end every read gives zeros.
 class Reader {
  public:
   Reader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-  uint8_t byte();
-  uint16_t u16();
-  int32_t i32();
+  uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
   size_t left() const { return size_ - pos_; }
-  // A value of an arbitrary type: a type string up to a NUL byte, then its
-  // serialised bytes (all that is left when rest is set, else a u16 length and
-  // that many bytes), built as GDBus would from untrusted data. Null when the
-  // type string is not a valid definite type. The result is not floating.
-  GVariant *variant(bool rest, bool normalise);
+  // A type string up to a NUL byte, then the serialised value (all that is
+  // left when rest is set, else a u16 length and that many bytes), built as
+  // GDBus builds untrusted data. Null for an invalid or indefinite type.
+  GVariant *variant(bool rest);
 
  private:
   const uint8_t *data_;
@@ -31,32 +29,27 @@ class Reader {
   size_t pos_ = 0;
 };
 
-// Aborts on any GLib warning or critical and points the library's system
-// bus at nowhere; idempotent.
-void init();
-
-// Platform switches read by the stand-ins.
+// Read by the platform stand-ins: the service's readiness marker, the
+// policy-activated marker (not normal mode) and the monotonic clock.
 struct Platform {
-  bool ready = true;           // the service's readiness marker
-  bool policy_active = false;  // the policy-activated marker (not normal mode)
+  bool ready = true;
+  bool policy_active = false;
   long monotonic_seconds = 100;
 };
 extern Platform platform;
 
-// The answer to every synchronous call: reply (not consumed), or a failed
-// call when null. calls counts the calls made.
+// Takes reply over as the answer to every synchronous call; null fails them.
 void set_reply(GVariant *reply);
-extern int calls;
 
-// A subscription the library made through the service link.
+// The subscriptions the library made through the service link; index + 1 is
+// the id, a cleared entry an unsubscribed one.
 struct Subscription {
   const char *signal;
   GDBusSignalCallback handler;
   gpointer user_data;
   GDestroyNotify free_func;
 };
-// The live subscription with this id, or null.
-const Subscription *subscription(unsigned int id);
+extern std::vector<Subscription> subscriptions;
 
 // Aborts with message when cond is false: a broken library promise.
 void check(bool cond, const char *message);

@@ -1,10 +1,12 @@
-// Writes the seed corpus of the fuzz targets: for each, well-formed inputs
-// that reach the deep paths and a few malformed ones.
+// Writes the seed corpus of the fuzz targets: well-formed inputs that reach
+// the deep paths, and a few malformed ones.
 // Usage: fuzz_make_corpus <corpus dir>
 #include <gio/gio.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -13,156 +15,110 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 std::string root;
-int written = 0;
 
-// A type string, its NUL, [u16 length,] and the value's serialised bytes.
-Bytes value(GVariant *v, bool with_length) {
-  g_variant_ref_sink(v);
+// prefix, then the value (GVariant text format) as its type string, a NUL,
+// [a u16 length,] and its serialised bytes, then suffix.
+Bytes input(Bytes prefix, const char *value, bool with_length = false, const Bytes &suffix = {}) {
+  GVariant *v = g_variant_ref_sink(g_variant_new_parsed(value));
   const char *type = g_variant_get_type_string(v);
-  Bytes out(type, type + std::char_traits<char>::length(type));
-  out.push_back(0);
+  prefix.insert(prefix.end(), type, type + std::strlen(type) + 1);
   const size_t n = g_variant_get_size(v);
   if (with_length) {
-    out.push_back(static_cast<uint8_t>(n & 0xFF));
-    out.push_back(static_cast<uint8_t>(n >> 8));
+    prefix.push_back(static_cast<uint8_t>(n & 0xFF));
+    prefix.push_back(static_cast<uint8_t>(n >> 8));
   }
   const auto *data = static_cast<const uint8_t *>(g_variant_get_data(v));
-  out.insert(out.end(), data, data + n);
+  prefix.insert(prefix.end(), data, data + n);
+  prefix.insert(prefix.end(), suffix.begin(), suffix.end());
   g_variant_unref(v);
-  return out;
+  return prefix;
 }
 
-void write(const std::string &target, const std::string &name, const Bytes &prefix, const Bytes &rest) {
-  std::string dir = root + "/" + target;
-  g_mkdir_with_parents(dir.c_str(), 0755);
-  Bytes all(prefix);
-  all.insert(all.end(), rest.begin(), rest.end());
-  std::string path = dir + "/" + name;
-  GError *error = nullptr;
-  if (!g_file_set_contents(path.c_str(), reinterpret_cast<const char *>(all.data()),
-                           static_cast<gssize>(all.size()), &error)) {
-    std::fprintf(stderr, "%s\n", error->message);
-    g_error_free(error);
-    return;
+void save(const std::string &target, const std::string &name, const Bytes &bytes) {
+  const std::string dir = root + "/" + target;
+  if (g_mkdir_with_parents(dir.c_str(), 0755) != 0 ||
+      !g_file_set_contents((dir + "/" + name).c_str(), reinterpret_cast<const char *>(bytes.data()),
+                           static_cast<gssize>(bytes.size()), nullptr)) {
+    std::fprintf(stderr, "cannot write %s/%s\n", dir.c_str(), name.c_str());
+    std::exit(1);
   }
-  ++written;
 }
 
-GVariant *app_zones() {
-  GVariantBuilder b;
-  g_variant_builder_init(&b, G_VARIANT_TYPE("a(is)"));
-  g_variant_builder_add(&b, "(is)", 1, "app.a");
-  g_variant_builder_add(&b, "(is)", 2, "org.example.player");
-  return g_variant_new("(iia(is))", 0x10, 4, &b);
-}
-
-GVariant *zones_with_scaler() {
-  GVariantBuilder b;
-  g_variant_builder_init(&b, G_VARIANT_TYPE("a(iis)"));
-  g_variant_builder_add(&b, "(iis)", 1, 0, "app.a");
-  g_variant_builder_add(&b, "(iis)", 2, 1, "");
-  g_variant_builder_add(&b, "(iis)", 3, 2, "org.example.player");
-  return g_variant_new("(a(iis))", &b);
-}
-
-GVariant *multiview_zones() {
-  GVariantBuilder b;
-  g_variant_builder_init(&b, G_VARIANT_TYPE("a(is)"));
-  g_variant_builder_add(&b, "(is)", 4, "app.b");
-  g_variant_builder_add(&b, "(is)", 5, "app.c");
-  return g_variant_new("(a(is))", &b);
-}
+constexpr const char *kZones = "([(1, 0, 'app.a'), (2, 1, ''), (3, 2, 'org.example.player')],)";
+constexpr const char *kMultiviewZones = "([(4, 'app.b'), (5, 'app.c')],)";
 
 void signals() {
-  struct Seed {
-    uint8_t selector;
-    const char *name;
-    GVariant *(*params)();
-  };
+  // Selector (bit 6: re-entrant callback), name, parameters.
+  struct Seed { uint8_t selector; const char *name, *params; };
   const Seed seeds[] = {
-      {0, "video_start", [] { return g_variant_new("(ii)", 0x10, 7); }},
-      {1, "video_stop", [] { return g_variant_new("(ii)", 0x11, 7); }},
-      {2, "audio_start", [] { return g_variant_new("(ii)", 0x12, 7); }},
-      {3, "audio_stop", [] { return g_variant_new("(ii)", 0x13, 7); }},
-      {4, "audio_resync", [] { return g_variant_new("(ii)", 0x14, 7); }},
-      {5, "audio_focus", [] { return g_variant_new("(iiis)", 1, 2, 3, "app.a"); }},
-      {6, "focus_zone", [] { return g_variant_new("(iiis)", 1, 2, 3, "app.a"); }},
-      {7, "policy", app_zones},
-      {8, "best_zone", [] { return g_variant_new("(iii)", 1, 2, 3); }},
-      {0x48, "best_zone_reenter", [] { return g_variant_new("(iii)", 2, 1, 0); }},
-      {9, "rsc_changed", [] { return g_variant_new("(siiiii)", "app.a", 1, 0, 1920, 1080, 60); }},
-      {0x49, "rsc_changed_reenter", [] { return g_variant_new("(siiiii)", "", 0, 1, 1280, 720, 30); }},
-      {10, "max_rez", [] { return g_variant_new("(siii)", "org.example.player", 3840, 2160, 60); }},
-      {0x4A, "max_rez_reenter", [] { return g_variant_new("(siii)", "app.a", 1, 2, 3); }},
-      {9, "rsc_changed_other_app", [] { return g_variant_new("(siiiii)", "nobody", 1, 1, 1, 1, 1); }},
+      {0, "video_start", "(16, 7)"},
+      {1, "video_stop", "(17, 7)"},
+      {2, "audio_start", "(18, 7)"},
+      {3, "audio_stop", "(19, 7)"},
+      {4, "audio_resync", "(20, 7)"},
+      {5, "audio_focus", "(1, 2, 3, 'app.a')"},
+      {6, "focus_zone", "(1, 2, 3, 'app.a')"},
+      {7, "policy", "(16, 4, [(1, 'app.a'), (2, 'org.example.player')])"},
+      {8, "best_zone", "(1, 2, 3)"},
+      {0x48, "best_zone_reenter", "(2, 1, 0)"},
+      {0x48, "best_zone_reenter_back", "(1, 2, 0)"},
+      {9, "rsc_changed", "('app.a', 1, 0, 1920, 1080, 60)"},
+      {9, "rsc_changed_other_app", "('nobody', 1, 1, 1, 1, 1)"},
+      {10, "max_rez", "('org.example.player', 3840, 2160, 60)"},
   };
-  for (const Seed &s : seeds) {
-    write("signals", s.name, {s.selector}, value(s.params(), false));
-    // The same signal with the wrong type, and cut short.
-    write("signals", std::string(s.name) + "_wrong_type", {s.selector},
-          value(g_variant_new("(s)", "x"), false));
-    Bytes cut = value(s.params(), false);
+  for (const auto &s : seeds) {
+    const std::string name = s.name;
+    save("signals", name, input({s.selector}, s.params));
+    save("signals", name + "_wrong_type", input({s.selector}, "('x',)"));
+    Bytes cut = input({s.selector}, s.params);
     cut.resize(cut.size() - 3);
-    write("signals", std::string(s.name) + "_truncated", {static_cast<uint8_t>(s.selector | 0x80)}, cut);
+    save("signals", name + "_truncated", cut);
   }
-  write("signals", "invalid_type_string", {7}, {'(', 'a', 0, 1, 2});
+  save("signals", "invalid_type_string", {7, '(', 'a', 0, 1, 2});
+}
+
+// The well-formed reply of each entry of fuzz_replies.cc's table.
+const char *good_reply(int which) {
+  if (which == 5) return kZones;
+  if (which == 6) return kMultiviewZones;
+  if (which == 9 || which == 10) return "(1, 2, 'app.f')";
+  if (which == 18) return "(1920, 1080, 60)";
+  return which == 0 ? "(1,)" : "(0,)";
 }
 
 void replies() {
-  for (uint8_t which = 0; which < 40; ++which) {
-    GVariant *good = nullptr;
-    switch (which) {
-      case 9: case 11: good = zones_with_scaler(); break;
-      case 10: good = multiview_zones(); break;
-      case 16: case 17: good = g_variant_new("(iis)", 1, 2, "app.f"); break;
-      case 28: case 29: case 30: good = g_variant_new("(iii)", 1920, 1080, 60); break;
-      default: good = g_variant_new("(i)", which == 0 ? 1 : 0); break;
-    }
+  // Selector, flags, reply (see fuzz_replies.cc).
+  for (uint8_t which = 0; which < 23; ++which) {
     const std::string n = std::to_string(which);
-    write("replies", n + "_ok", {which, 0}, value(good, false));
-    write("replies", n + "_wrong_type", {which, 8}, value(g_variant_new("(ss)", "a", "b"), false));
-    write("replies", n + "_failed", {which, 16}, {});
+    save("replies", n + "_ok", input({which, 0}, good_reply(which)));
+    save("replies", n + "_wrong_type", input({which, 0}, "('a', 'b')"));
+    save("replies", n + "_failed", {which, 0});
   }
-  // Mode switches: not ready, policy active, just started.
-  write("replies", "0_not_ready", {0, 1}, value(g_variant_new("(i)", 2), false));
-  write("replies", "5_policy_active", {5, 2}, value(g_variant_new("(i)", -1), false));
-  write("replies", "31_startup", {31, 4}, value(g_variant_new("(i)", 2001), false));
-  write("replies", "34_applist", {34 | 0x80, 0}, value(g_variant_new("(i)", 0), false));
-  write("replies", "9_empty_list", {9, 0}, value(g_variant_new_parsed("(@a(iis) [],)"), false));
+  save("replies", "0_not_ready", input({0, 1}, "(2,)"));
+  save("replies", "2_policy_active", input({2, 2}, "(-1,)"));
+  save("replies", "19_startup", input({19, 4}, "(2001,)"));
+  save("replies", "21_applist", input({21 | 0x80, 0}, "(0,)"));
+  save("replies", "5_empty_list", input({5, 0}, "(@a(iis) [],)"));
 }
 
 void lists() {
-  // Operations: 0x00 new list, 0x01 add (list, id, zone), 0x02 new app, 0x03
-  // insert, 0x04-0x06 first/next/prev, 0x07 walk and count, 0x08 free list,
-  // 0x0A new policy info, 0x0B attach, 0x0C sends, 0x0D free info; with 0x40
-  // set and a zone list present: zone walks.
-  const Bytes app_ops = {0x00, 0x01, 0x00, 3, 'a', '.', 'b', 5, 0, 0, 0, 0x02, 2, 'x', 'y', 0x03, 0, 0,
-                         0x07, 0,    0x05, 0,  0x06, 0,   0x04, 0, 0, 0, 0, 0x0A, 1, 'o',  0x0B, 0, 0,
-                         0x0C, 0,    0,    0,  0x0D, 0,   0x08, 0};
-  const Bytes zone_ops = {0x40, 0x40, 0x41, 0x42, 0x43, 0x41, 0x41, 0x42, 0x40};
-  write("lists", "zones_walk", {0}, [&] {
-    Bytes b = value(zones_with_scaler(), true);
-    b.insert(b.end(), zone_ops.begin(), zone_ops.end());
-    return b;
-  }());
-  write("lists", "multiview_walk", {1}, [&] {
-    Bytes b = value(multiview_zones(), true);
-    b.insert(b.end(), zone_ops.begin(), zone_ops.end());
-    return b;
-  }());
-  write("lists", "apps", {0}, [&] {
-    Bytes b = value(g_variant_new("(s)", "no zones"), true);
-    b.insert(b.end(), app_ops.begin(), app_ops.end());
-    return b;
-  }());
-  write("lists", "zones_and_apps", {2}, [&] {
-    Bytes b = value(zones_with_scaler(), true);
-    b.insert(b.end(), zone_ops.begin(), zone_ops.end());
-    b.insert(b.end(), app_ops.begin(), app_ops.end());
-    return b;
-  }());
-  write("lists", "invalid_utf8_app", {0}, {'i', 0, 0, 0, 0x00, 0x01, 0, 2, 0xC3, 0x28, 0x07, 0});
-  write("lists", "truncated", {1}, {'(', 'a', '(', 'i', 's', ')', ')', 0, 40, 0, 8, 0, 0, 0});
+  // Flags, zone reply, then operations (see step() in fuzz_lists.cc).
+  const Bytes zone_ops = {0, 0, 1, 2, 0, 1, 1, 2, 0};
+  const Bytes app_ops = {
+      3, 4, 0, 3, 'a', '.', 'b', 5,         // new list, add "a.b" in zone 5
+      4, 0, 2, 'x', 'y', 0xFF,              // add "xy" in zone -1
+      6, 0, 5, 0, 0x45, 0, 0x85, 0,         // walk, first, next, previous
+      3, 8, 1, 'o', 0,                      // a second list; a policy info takes the first
+      9, 0, 0, 0, 0x89, 0, 0, 0, 10, 0, 7, 0,  // sends, frees
+  };
+  Bytes both = zone_ops;
+  both.insert(both.end(), app_ops.begin(), app_ops.end());
+  save("lists", "zones_walk", input({0}, kZones, true, zone_ops));
+  save("lists", "multiview_walk", input({1}, kMultiviewZones, true, zone_ops));
+  save("lists", "apps", input({0}, "('no zones',)", true, app_ops));
+  save("lists", "zones_and_apps", input({0}, kZones, true, both));
+  save("lists", "invalid_utf8_app", {0, 'i', 0, 0, 0, 3, 4, 0, 2, 0xC3, 0x28, 7, 6, 0});
+  save("lists", "truncated", {1, '(', 'a', '(', 'i', 's', ')', ')', 0, 40, 0, 6, 0, 0, 0});
 }
 
 }  // namespace
@@ -176,6 +132,5 @@ int main(int argc, char **argv) {
   signals();
   replies();
   lists();
-  std::printf("%d inputs written\n", written);
   return 0;
 }
