@@ -85,7 +85,6 @@ Answer Answer::Error(const std::string &name, const std::string &message) {
   a.error_message = message;
   return a;
 }
-Answer Answer::UnknownMethod() { return Answer(); }
 
 FakeKova::FakeKova(const std::string &address) : address_(address) {
   context_ = g_main_context_new();
@@ -209,11 +208,6 @@ std::vector<std::string> FakeKova::InterfaceViolations() const {
   return violations_;
 }
 
-void FakeKova::ClearCalls() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  calls_.clear();
-}
-
 bool FakeKova::WaitForCalls(size_t n, int timeout_ms) const {
   std::unique_lock<std::mutex> lock(mutex_);
   return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return calls_.size() >= n; });
@@ -263,7 +257,7 @@ GDBusMessage *FakeKova::Filter(GDBusConnection *, GDBusMessage *message, gboolea
     if (it != self->handlers_.end()) handler = it->second;
   }
   self->cv_.notify_all();
-  Answer answer = handler ? handler(call) : Answer::UnknownMethod();
+  Answer answer = handler ? handler(call) : Answer();
   if (!call.no_reply_expected) {
     std::unique_lock<std::mutex> lock(self->mutex_);
     if (self->held_methods_.count(call.method) != 0) {

@@ -70,7 +70,6 @@ struct Answer {
   static Answer Value(GVariant *v);
   static Answer Int(int v);
   static Answer Error(const std::string &name, const std::string &message);
-  static Answer UnknownMethod();
 };
 
 class FakeKova {
@@ -88,7 +87,7 @@ class FakeKova {
   GDBusConnection *connection() const { return connection_; }
   std::string unique_name() const;
 
-  // Scripts: a method without a script gets "no such method" (UnknownMethod).
+  // Scripts: a method without a script gets "no such method".
   void Set(const std::string &method, Answer answer);
   void SetInt(const std::string &method, int value) { Set(method, Answer::Int(value)); }
   void SetHandler(const std::string &method, Handler handler);
@@ -104,7 +103,6 @@ class FakeKova {
   std::vector<Call> Calls() const;
   std::vector<Call> CallsTo(const std::string &method) const;
   size_t CallCount() const;
-  void ClearCalls();
   // Waits (on a condition variable, not the main loop) until at least n calls
   // were received.
   bool WaitForCalls(size_t n, int timeout_ms = 5000) const;

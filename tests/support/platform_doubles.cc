@@ -100,11 +100,6 @@ int CountLogPrefix(const std::string &prefix, int priority) {
   return n;
 }
 
-void ClearLogs() {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().logs.clear();
-}
-
 void SetMarker(const std::string &path, Marker marker, int after_ms) {
   std::lock_guard<std::mutex> lock(state().mutex);
   state().markers[path] = {marker, after_ms};

@@ -41,7 +41,6 @@ int CountLog(const std::string &message, int priority = 0);
 bool HasLog(const std::string &message, int priority = 0) ;
 // Lines whose message starts with prefix.
 int CountLogPrefix(const std::string &prefix, int priority = 0);
-void ClearLogs();
 
 // Marker events. after_ms applies to kPresentAfter: a wait of at least that
 // long sees the event, a shorter one does not.
