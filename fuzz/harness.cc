@@ -118,10 +118,6 @@ int PelkWaitEvent(const char *event_path, int) {
   return 1;
 }
 
-int _kova_monotonic_clock_hook(struct timespec *ts) {
-  ts->tv_sec = fuzz::platform.monotonic_seconds;
-  ts->tv_nsec = 0;
-  return 0;
-}
+time_t kova_fuzz_monotonic_seconds(void) noexcept { return fuzz::platform.monotonic_seconds; }
 
 }  // extern "C"

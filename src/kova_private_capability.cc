@@ -7,9 +7,6 @@
 #include "kova_private.h"
 #include "ostel.h"
 
-// Weak: stays null unless the executable provides the clock.
-extern "C" int _kova_monotonic_clock_hook(struct timespec *ts) __attribute__((weak));
-
 namespace {
 
 // The service leaves audio categories to the platform while the system is
@@ -17,13 +14,13 @@ namespace {
 constexpr time_t kAudioStartupSeconds = 20;
 
 time_t monotonic_seconds() {
+#ifdef KOVA_FUZZING
+  return kova_fuzz_monotonic_seconds();
+#else
   struct timespec ts = {};
-  if (_kova_monotonic_clock_hook != nullptr) {
-    _kova_monotonic_clock_hook(&ts);
-  } else {
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-  }
+  clock_gettime(CLOCK_MONOTONIC, &ts);
   return ts.tv_sec;
+#endif
 }
 
 // The unmasked H.264 decoder categories that model limits apply to.

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The library exports exactly its API: the version script's names, which are
-# the functions of the public header plus the service-link functions.
+# the functions of the public header plus the service-link functions, and it
+# leaves no weak reference (a test seam) for another object to fill in.
 # Usage: check_exports.sh LIBRARY MAP HEADER
 set -euo pipefail
 lib=$1 map=$2 header=$3
@@ -23,6 +24,12 @@ if ! diff -u "$tmp/api" "$tmp/exported" >"$tmp/d2"; then
 fi
 if grep -qx 'kova_app_free' "$tmp/exported"; then
   echo "kova_app_free is internal but exported"; status=1
+fi
+# The toolchain's own weak references are the only ones allowed.
+weak=$(nm -D --undefined-only "$lib" | awk '$1 == "w" {print $2}' | sed 's/@.*//' |
+  grep -vxE '__gmon_start__|__cxa_finalize|_ITM_(de)?registerTMCloneTable' || true)
+if [ -n "$weak" ]; then
+  echo "weak undefined symbols:" $weak; status=1
 fi
 echo "$(wc -l <"$tmp/exported") exported symbols checked"
 exit $status

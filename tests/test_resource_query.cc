@@ -1,21 +1,12 @@
 // Maximum-resolution queries and the capable-category lookup.
 #include <unistd.h>
 
-#include <atomic>
 #include <string>
 #include <vector>
 
 #include "kova_api.h"
 #include "kova_private.h"
 #include "kova_test.h"
-
-// The lookup's monotonic clock here: just before a whole second, so that rounding up would show.
-static std::atomic<long> g_clock_sec{0};
-
-extern "C" __attribute__((visibility("default"))) int _kova_monotonic_clock_hook(struct timespec *ts) {
-  *ts = {g_clock_sec, 999999999};
-  return 0;
-}
 
 namespace kova_test {
 namespace {
@@ -61,7 +52,7 @@ TEST_F(QueryTest, CategoryAsksTheServiceOnlyWhenTheTableSays) {
                        Row{4009 | kOption, kHdmi, true},           // the HDMI-dedicated scaler
                        Row{4000, kHdmi, false}, Row{4009, kNone, false}}) {
     doubles::SetMarker(kPolicyMarker, c.facts & kPolicyMode ? doubles::Marker::kPresent : doubles::Marker::kAbsent);
-    g_clock_sec = c.clock_sec;
+    doubles::SetMonotonicSeconds(c.clock_sec);
     doubles::SetH264InterlacedLimited(c.facts & kInterlaced);
     doubles::SetH264PortraitSeamlessLimited(c.facts & kPortrait);
     doubles::SetSupportHdmiDedicatedScaler(c.facts & kHdmi);

@@ -71,6 +71,10 @@ void SetSupportHdmiDedicatedScaler(bool value);
 void SetH264InterlacedLimited(bool value);
 void SetH264PortraitSeamlessLimited(bool value);
 
+// The monotonic clock the library reads (clock_gettime is interposed for its
+// calls only): that many seconds and 999999999 ns; -1 for the real clock.
+void SetMonotonicSeconds(long seconds);
+
 }  // namespace doubles
 
 #endif
