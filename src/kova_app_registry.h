@@ -36,8 +36,11 @@ struct RegistryNames {
 //   unpack(signal name, params, &signal) -> false for a malformed signal (the
 //   "received" line is logged here), deliver(signal, callback, user_data).
 //
-// Locking. mutex_ guards the map only and is held for map operations alone:
-// never across a callback, a service call or a GDBus call. sub_mutex_
+// Locking. mutex_ guards the map and the tracker of running callbacks, and is
+// held for their operations alone: never across a callback, a service call or
+// a GDBus call. Each entry carries a serial number that names its
+// registration, so that an unregistration on another thread waits for that
+// registration's callback alone, even when the id was registered anew. sub_mutex_
 // serialises the subscription's transitions and guards signal_id_; it is held
 // while deciding to subscribe or unsubscribe and doing it (GDBus queues the
 // match rule without waiting), never across a service call or a callback.
@@ -83,21 +86,27 @@ class AppRegistry {
     if (mine == nullptr) return -1;
     if (tell_service_register(app_id, address(cb)) < 0) {
       KOVA_LOG_AT(KOVA_LOG_ERROR, Traits::kNames.register_cb, "failed to register app id(%s:%p)", app_id, address(cb));
-      if (remove_record(app_id, cb, mine) == 0) drop_subscription(Traits::kNames.register_cb);
+      uint64_t serial = 0;
+      if (remove_record(app_id, cb, mine, &serial) == 0) drop_subscription(Traits::kNames.register_cb);
+      await_calls(serial);
       return -1;
     }
     return subscribe(app_id, cb, mine);
   }
 
+  // Once this returns on a thread other than the delivering one, the removed
+  // registration's callback is not running and will not start.
   int unregister_callback(const char *app_id, Callback cb) {
-    int left = remove_record(app_id, cb, nullptr);
+    uint64_t serial = 0;
+    int left = remove_record(app_id, cb, nullptr, &serial);
     if (left < 0) return -1;
     if (tell_service_unregister(app_id, address(cb)) < 0) {
       KOVA_LOG_AT(KOVA_LOG_ERROR, Traits::kNames.unregister_cb, "failed to unregister app id(%s:%p)", app_id,
                   address(cb));
     }
-    if (left > 0) return 0;
-    return drop_subscription(Traits::kNames.unregister_cb);
+    const int result = left > 0 ? 0 : drop_subscription(Traits::kNames.unregister_cb);
+    await_calls(serial);
+    return result;
   }
 
   // Calls the one callback registered for the signal's application id, with
@@ -108,13 +117,16 @@ class AppRegistry {
     bool empty = false;
     Callback cb = nullptr;
     void *user_data = nullptr;
+    uint64_t serial = 0;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       empty = map_.empty();
       auto it = map_.find(std::string_view(unpacked.app_id));
       if (it != map_.end()) {
-        cb = it->second->callback;
-        user_data = it->second->user_data;
+        cb = it->second.record->callback;
+        user_data = it->second.record->user_data;
+        serial = it->second.serial;
+        calls_.enter(serial);
       }
     }
     if (empty) {
@@ -124,6 +136,8 @@ class AppRegistry {
     if (cb == nullptr) return;
     KOVA_LOG_AT(KOVA_LOG_INFO, Traits::kNames.handler, "call cb(%p)", address(cb));
     Traits::deliver(unpacked, cb, user_data);
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.leave(serial);
   }
 
  private:
@@ -131,6 +145,18 @@ class AppRegistry {
     void operator()(Record *r) const { std::free(r); }
   };
   using RecordPtr = std::unique_ptr<Record, FreeRecord>;
+  struct Entry {
+    RecordPtr record;
+    uint64_t serial;
+  };
+
+  // Waits for a call of the registration named by serial (0: none) that runs
+  // on another thread.
+  void await_calls(uint64_t serial) {
+    if (serial == 0) return;
+    std::unique_lock<std::mutex> lock(mutex_);
+    calls_.wait_idle(lock, serial);
+  }
 
   static void *address(Callback cb) { return reinterpret_cast<void *>(cb); }
 
@@ -149,7 +175,7 @@ class AppRegistry {
         RecordPtr owned(cb_item);
         cb_item->callback = cb;
         cb_item->user_data = user_data;
-        map_.emplace(std::string(app_id), std::move(owned));
+        map_.emplace(std::string(app_id), Entry{std::move(owned), ++last_serial_});
         added = cb_item;
       }
     }
@@ -161,15 +187,17 @@ class AppRegistry {
     return added;
   }
 
-  // With only set, removes the entry only while it is still that record.
-  int remove_record(const char *app_id, Callback cb, const Record *only) {
+  // With only set, removes the entry only while it is still that record. The
+  // removed registration's serial goes to *serial when given.
+  int remove_record(const char *app_id, Callback cb, const Record *only, uint64_t *serial = nullptr) {
     RecordPtr gone;
     int left = -1;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       auto it = map_.find(std::string_view(app_id));
-      if (it != map_.end() && (only == nullptr || it->second.get() == only)) {
-        gone = std::move(it->second);
+      if (it != map_.end() && (only == nullptr || it->second.record.get() == only)) {
+        gone = std::move(it->second.record);
+        if (serial != nullptr) *serial = it->second.serial;
         map_.erase(it);
         left = static_cast<int>(map_.size());
       }
@@ -195,23 +223,13 @@ class AppRegistry {
     return value;
   }
 
-  static GDBusConnection *connection(const char *func) {
-    GError *error = nullptr;
-    GDBusConnection *c = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-    if (c == nullptr) {
-      KOVA_LOG_AT(KOVA_LOG_ERROR, func, "failed to get connection (%s)", error ? error->message : "unknown");
-      g_clear_error(&error);
-    }
-    return c;
-  }
-
   // After the service accepted mine: make sure the signal is subscribed.
   int subscribe(const char *app_id, Callback cb, const Record *mine) {
     const char *func = Traits::kNames.register_cb;
     std::lock_guard<std::mutex> sub(sub_mutex_);
     if (signal_id_ != 0) return 0;
     if (map_empty()) return 0;  // unregistered meanwhile: nothing to listen for
-    GDBusConnection *c = connection(func);
+    GDBusConnection *c = shared_system_bus(func);
     if (c == nullptr) {
       remove_record(app_id, cb, mine);
       return -1;
@@ -234,7 +252,7 @@ class AppRegistry {
   int drop_subscription(const char *func) {
     std::lock_guard<std::mutex> sub(sub_mutex_);
     if (signal_id_ == 0 || !map_empty()) return 0;
-    GDBusConnection *c = connection(func);
+    GDBusConnection *c = shared_system_bus(func);
     if (c == nullptr) return -1;
     KOVA_LOG_AT(KOVA_LOG_INFO, func, "unsubscribe %s change(%d)", Traits::kWhat, static_cast<int>(signal_id_));
     g_dbus_connection_signal_unsubscribe(c, signal_id_);
@@ -244,7 +262,9 @@ class AppRegistry {
   }
 
   std::mutex mutex_;
-  std::map<std::string, RecordPtr, std::less<>> map_;
+  std::map<std::string, Entry, std::less<>> map_;
+  uint64_t last_serial_ = 0;
+  CallTracker calls_;
   std::mutex sub_mutex_;
   unsigned int &signal_id_;
 };

@@ -7,6 +7,10 @@
 #include <stdint.h>
 #include <time.h>
 
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+
 #include "kova_api.h"
 #include "marlo.h"
 
@@ -44,9 +48,15 @@
 #define KOVA_ASSERT_ALLOC(expr) ((expr) ? (void)0 : kova::alloc_failed(#expr, KOVA_FILE_NAME, __LINE__))
 
 // The callback and user data of one subscription, owned by the subscription.
+// The other fields belong to the delivery lock of the service link: they let
+// an unregistration on another thread wait for a call in progress, and keep
+// the record alive while a delivery or such a wait still uses it.
 struct cb_data {
   void (*callback)(void);
   void *user_data;
+  int holds;       // deliveries under way and unregistrations waiting
+  bool cancelled;  // unregistered: no delivery starts any more
+  bool released;   // the subscription has let go of it
 };
 
 extern "C" {
@@ -109,14 +119,6 @@ int _kova_policy_get_max_resolution(kova_rsc_policy_e policy, kova_video_codec_e
 int _kova_get_capable_category_id(int player_id, const char *app_id, int category) noexcept;
 bool _kova_is_supported_category(int category) noexcept;
 bool _kova_is_audio_category(int category) noexcept;
-
-// Test seam of the monotonic clock read by the capable-category lookup. The
-// library only references it, weakly, and defines and exports nothing for it:
-// normally it stays unresolved and the lookup calls
-// clock_gettime(CLOCK_MONOTONIC). A test executable that defines and exports
-// it (as it does the platform doubles) takes the clock's place, with
-// clock_gettime's contract.
-int _kova_monotonic_clock_hook(struct timespec *ts);
 
 // Resource policy.
 void kova_app_free(kova_app *app) noexcept;  // element release of kova_app_list_free; not exported
@@ -220,10 +222,35 @@ int kova_fuzz_method_call(const char *method, GVariant *args, GVariant **reply) 
 unsigned int kova_fuzz_subscribe(const char *signal, GDBusSignalCallback handler, gpointer user_data,
                                  GDestroyNotify free_func) noexcept;
 void kova_fuzz_unsubscribe(unsigned int id) noexcept;
+time_t kova_fuzz_monotonic_seconds(void) noexcept;
 }
 #endif
 
 namespace kova {
+
+// Which registrations have a callback running, and on which thread, so that
+// an unregistration on another thread can wait until its callback is done.
+// Each member is used under the owner's mutex, the lock given to wait_idle.
+class CallTracker {
+ public:
+  void enter(uint64_t key) { calls_.push_back({key, this_thread()}); }
+  void leave(uint64_t key) noexcept;
+  // Waits until no call of key runs on another thread. On the thread that is
+  // running it (a callback unregistering itself) it returns at once.
+  void wait_idle(std::unique_lock<std::mutex> &lock, uint64_t key);
+
+ private:
+  static const void *this_thread() noexcept;
+  bool busy_elsewhere(uint64_t key) const noexcept;
+
+  struct Call {
+    uint64_t key;
+    const void *thread;
+  };
+  std::vector<Call> calls_;
+  std::condition_variable idle_;
+  int waiters_ = 0;
+};
 
 [[noreturn]] void alloc_failed(const char *what, const char *file, int line) noexcept;
 
@@ -254,9 +281,46 @@ bool signal_params_are(const char *func, GVariant *params, const char *type, con
 
 // The registration pattern shared by every subscription-per-registration
 // family: allocate a cb_data, subscribe, log, return the id or UINT_MAX.
+// Every free function of such a subscription releases its cb_data through
+// release_cb_data, and every handler brackets its call with a Delivery.
 unsigned int register_signal_callback(const char *func, const char *signal, GDBusSignalCallback handler,
                                       GDestroyNotify free_func, void (*callback)(void),
                                       void *user_data) noexcept;
+
+// A new, empty cb_data (the process stops when memory runs out).
+cb_data *new_cb_data(void (*callback)(void), void *user_data) noexcept;
+
+// The subscription's end of a cb_data: releases it now, or when the last
+// delivery or waiting unregistration lets go of it.
+void release_cb_data(gpointer data) noexcept;
+
+// One delivery of a cb_data subscription. False when the subscription was
+// unregistered meanwhile: the handler then returns without a word.
+class Delivery {
+ public:
+  explicit Delivery(gpointer data) noexcept;
+  ~Delivery();
+  Delivery(const Delivery &) = delete;
+  Delivery &operator=(const Delivery &) = delete;
+  explicit operator bool() const noexcept { return data_ != nullptr; }
+
+ private:
+  cb_data *data_;
+};
+
+// Removes subscription id quietly (the unregistrations that write no lines of
+// their own) and waits for its callback as _kova_dbus_unsubscribe_signal
+// does. 0, or -1 without a connection.
+int unsubscribe_signal_quietly(unsigned int id) noexcept;
+
+// True in the child of a fork() made after the connection existed: GDBus's
+// worker thread did not follow, so the inherited connection would block.
+bool forked_child() noexcept;
+
+// The process's shared system-bus connection asked of GIO itself, for the
+// registries that hold their own subscription; a new reference, or null after
+// the error "failed to get connection (%s)" on behalf of func.
+GDBusConnection *shared_system_bus(const char *func) noexcept;
 
 // Application lists on the wire. Each walks the list from its first to its
 // last application (moving its walk position, with the walk's log lines) and

@@ -6,7 +6,8 @@
 // delivery marks every record it may still call as invoking; unregistering
 // such a record only clears its active flag, and the delivery releases it when
 // it ends. switched_cb_mutex guards the list and the records and is never held
-// while a callback runs or the bus is used.
+// while a callback runs or the bus is used. An unregistration on another
+// thread waits until that one callback, if it is running, has returned.
 #include <cstdlib>
 #include <list>
 #include <mutex>
@@ -31,6 +32,8 @@ std::list<kova_best_quality_switched_callback *> switched_cb_list;
 // a delivery nested in a callback (one that iterates the main loop) or
 // running on another thread never sees its snapshot freed.
 int switched_dispatch_depth = 0;
+// Callbacks being called, by function; under switched_cb_mutex.
+kova::CallTracker switched_calls;
 
 // Serialises the decision to subscribe or unsubscribe with the registry change
 // that leads to it, so that a first registration and a last unregistration on
@@ -41,18 +44,14 @@ unsigned int switched_signal_id = 0;       // guarded by switched_subscribe_mute
 GDBusConnection *switched_bus = nullptr;  // likewise
 
 void *ptr(kova_best_quality_zone_switched_cb cb) { return reinterpret_cast<void *>(cb); }
+uint64_t key(kova_best_quality_zone_switched_cb cb) { return reinterpret_cast<uintptr_t>(cb); }
 
-// The process's shared system-bus connection, asked of GIO itself. GIO keeps
-// the shared connection only while someone holds it, and the subscription
-// lives on it, so one reference is kept for the life of the process.
-GDBusConnection *shared_system_bus(const char *func) {
-  GError *error = nullptr;
-  GDBusConnection *c = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-  if (c == nullptr) {
-    KOVA_LOG_AT(KOVA_LOG_ERROR, func, "failed to get connection (%s)", error ? error->message : "unknown");
-    g_clear_error(&error);
-    return nullptr;
-  }
+// The process's shared system-bus connection. GIO keeps the shared connection
+// only while someone holds it, and the subscription lives on it, so one
+// reference is kept for the life of the process.
+GDBusConnection *switched_connection(const char *func) {
+  GDBusConnection *c = kova::shared_system_bus(func);
+  if (c == nullptr) return nullptr;
   if (c == switched_bus) {
     g_object_unref(c);
   } else {
@@ -89,11 +88,13 @@ extern "C" void onBestQualityZoneSwitched(GDBusConnection *, const gchar *, cons
     void *user_data = nullptr;
     bool active = false;
     {
-      // Another thread may unregister or re-register it meanwhile.
+      // Another thread may unregister or re-register it meanwhile; once it is
+      // entered as called here, an unregistration waits for it.
       std::lock_guard<std::mutex> lock(switched_cb_mutex);
       cb = item->callback;
       user_data = item->user_data;
       active = item->active;
+      if (active) switched_calls.enter(key(cb));
     }
     if (!active) {
       KOVA_LOGE("unregistered cb (%p)", ptr(cb));
@@ -101,6 +102,8 @@ extern "C" void onBestQualityZoneSwitched(GDBusConnection *, const gchar *, cons
     }
     KOVA_LOGI("call cb(%p) - (%d:%d:%d)", ptr(cb), first, second, third);
     cb(first, second, third, user_data);
+    std::lock_guard<std::mutex> lock(switched_cb_mutex);
+    switched_calls.leave(key(cb));
   }
 
   std::lock_guard<std::mutex> lock(switched_cb_mutex);
@@ -171,18 +174,19 @@ int _kova_add_best_quality_zone_switched_callback(kova_best_quality_zone_switche
 
 // Records left in the registry, or -1 when callback is not registered. A
 // record that a delivery holds is only deactivated; it still counts, so the
-// caller keeps the subscription for it until the delivery releases it.
+// caller keeps the subscription for it until the delivery releases it. A
+// record found already deactivated is matched all the same (and logged as
+// being invoked) but answers as not registered.
 int _kova_remove_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback) noexcept {
   std::unique_lock<std::mutex> lock(switched_cb_mutex);
   bool deactivated = false;
   for (auto it = switched_cb_list.begin(); it != switched_cb_list.end(); ++it) {
     kova_best_quality_switched_callback *item = *it;
-    // An inactive record is already unregistered.
-    if (item->callback != callback || !item->active) continue;
+    if (item->callback != callback) continue;
     if (item->invoking) {
       KOVA_LOGI("cb (%p) is being invoked", ptr(callback));
+      deactivated = deactivated || item->active;
       item->active = false;
-      deactivated = true;
       continue;
     }
     switched_cb_list.erase(it);
@@ -201,7 +205,7 @@ int _kova_register_best_quality_zone_switched_callback(kova_best_quality_zone_sw
   std::lock_guard<std::mutex> subscribing(switched_subscribe_mutex);
   if (_kova_add_best_quality_zone_switched_callback(callback, user_data) != 0) return -1;
   if (switched_signal_id != 0) return 0;
-  GDBusConnection *c = shared_system_bus(__func__);
+  GDBusConnection *c = switched_connection(__func__);
   if (c == nullptr) {
     _kova_remove_best_quality_zone_switched_callback(callback);
     return -1;
@@ -217,17 +221,32 @@ int _kova_register_best_quality_zone_switched_callback(kova_best_quality_zone_sw
   return 0;
 }
 
-int _kova_unregister_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback) noexcept {
+namespace {
+
+int unregister_switched(kova_best_quality_zone_switched_cb callback) {
   std::lock_guard<std::mutex> subscribing(switched_subscribe_mutex);
   const int left = _kova_remove_best_quality_zone_switched_callback(callback);
   if (left < 0) return -1;
   if (left > 0) return 0;
-  GDBusConnection *c = shared_system_bus(__func__);
+  GDBusConnection *c = switched_connection("_kova_unregister_best_quality_zone_switched_callback");
   if (c == nullptr) return -1;
-  KOVA_LOGI("unsubscribe best quality zone switched (%d)", static_cast<int>(switched_signal_id));
+  KOVA_LOG_AT(KOVA_LOG_INFO, "_kova_unregister_best_quality_zone_switched_callback",
+              "unsubscribe best quality zone switched (%d)", static_cast<int>(switched_signal_id));
   if (switched_signal_id != 0) g_dbus_connection_signal_unsubscribe(c, switched_signal_id);
   switched_signal_id = 0;
   return 0;
+}
+
+}  // namespace
+
+// Once this returns on a thread other than the delivering one, callback is not
+// running; the wait comes after every lock is released, so that the callback
+// may itself register and unregister callbacks meanwhile.
+int _kova_unregister_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback) noexcept {
+  const int result = unregister_switched(callback);
+  std::unique_lock<std::mutex> lock(switched_cb_mutex);
+  switched_calls.wait_idle(lock, key(callback));
+  return result;
 }
 
 }  // extern "C"

@@ -30,6 +30,8 @@ bool read_focus_change(const char *func, GVariant *params, const char *iface, co
 extern "C" void _dbus_audio_focus_signal_callback(GDBusConnection *, const gchar *, const gchar *, const gchar *iface,
                                                   const gchar *signal, GVariant *params,
                                                   gpointer user_data) noexcept {
+  kova::Delivery delivery(user_data);
+  if (!delivery) return;
   FocusChange change;
   if (!read_focus_change(__func__, params, iface, signal, &change)) return;
   auto *data = static_cast<cb_data *>(user_data);
@@ -38,7 +40,7 @@ extern "C" void _dbus_audio_focus_signal_callback(GDBusConnection *, const gchar
 
 namespace {
 
-void audio_focus_cb_data_free_func(gpointer data) noexcept { g_free(data); }
+void audio_focus_cb_data_free_func(gpointer data) noexcept { kova::release_cb_data(data); }
 
 // "(i)" queries whose 0 means "no focus": the out-parameter is written only
 // for a non-zero answer.
@@ -91,14 +93,13 @@ unsigned int _kova_register_audio_focus_changed_callback(kova_player_audio_reque
 }
 
 int _kova_unregister_audio_focus_changed_callback(unsigned int id) noexcept {
-  GDBusConnection *c = _kova_dbus_get_connection();
-  if (c == nullptr) return -1;
-  g_dbus_connection_signal_unsubscribe(c, id);
-  return 0;
+  return kova::unsubscribe_signal_quietly(id);
 }
 
 void _focus_changed_signal_cb(GDBusConnection *, const gchar *, const gchar *, const gchar *iface,
                               const gchar *signal, GVariant *params, gpointer user_data) noexcept {
+  kova::Delivery delivery(user_data);
+  if (!delivery) return;
   FocusChange change;
   if (!read_focus_change(__func__, params, iface, signal, &change)) return;
   kova_zone *zone = kova::new_zone(change.zone_id, change.scaler_id, change.app_id);
@@ -109,6 +110,6 @@ void _focus_changed_signal_cb(GDBusConnection *, const gchar *, const gchar *, c
   kova_resource_zone_free(zone);
 }
 
-void _focus_changed_signal_cb_free(gpointer data) noexcept { g_free(data); }
+void _focus_changed_signal_cb_free(gpointer data) noexcept { kova::release_cb_data(data); }
 
 }  // extern "C"

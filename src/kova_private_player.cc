@@ -49,6 +49,8 @@ int request_audio_out(const char *func, int cmd, const char *method, int player_
 
 void deliver_player_request(const char *func, GVariant *params, const char *iface, const char *signal,
                             gpointer user_data) {
+  kova::Delivery delivery(user_data);
+  if (!delivery) return;
   if (!kova::signal_params_are(func, params, "(ii)", signal)) return;
   gint32 request = 0;
   gint32 player_id = 0;
@@ -77,8 +79,8 @@ void _dbus_player_audio_signal_callback(GDBusConnection *, const gchar *, const 
 
 namespace {
 
-void player_video_cb_data_free_func(gpointer data) noexcept { g_free(data); }
-void player_audio_cb_data_free_func(gpointer data) noexcept { g_free(data); }
+void player_video_cb_data_free_func(gpointer data) noexcept { kova::release_cb_data(data); }
+void player_audio_cb_data_free_func(gpointer data) noexcept { kova::release_cb_data(data); }
 
 unsigned int register_video(const char *func, const char *signal, kova_player_video_request_cb cb,
                             void *user_data) {

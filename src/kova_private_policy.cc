@@ -11,13 +11,15 @@ const char *owner_of(const kova_policy_info *info) {
   return kova::valid_string(info->owner_name) ? info->owner_name : "";
 }
 
-void policy_changed_cb_data_free_func(gpointer data) noexcept { g_free(data); }
+void policy_changed_cb_data_free_func(gpointer data) noexcept { kova::release_cb_data(data); }
 
 }  // namespace
 
 extern "C" void _dbus_policy_changed_signal_callback(GDBusConnection *, const gchar *, const gchar *,
                                                      const gchar *iface, const gchar *signal, GVariant *params,
                                                      gpointer user_data) noexcept {
+  kova::Delivery delivery(user_data);
+  if (!delivery) return;
   if (!kova::signal_params_are(__func__, params, "(iia(is))", signal)) return;
   gint32 cmd = 0;
   gint32 policy = 0;
@@ -117,11 +119,8 @@ unsigned int _kova_register_resource_policy_changed_callback(kova_policy_changed
 }
 
 int _kova_unregister_resource_policy_changed_callback(unsigned int subscription_id) noexcept {
-  GDBusConnection *conn = _kova_dbus_get_connection();
-  if (conn == nullptr) return -1;
   // GDBus releases the callback-data record through the subscription's free function.
-  g_dbus_connection_signal_unsubscribe(conn, subscription_id);
-  return 0;
+  return kova::unsubscribe_signal_quietly(subscription_id);
 }
 
 }  // extern "C"

@@ -41,9 +41,7 @@ unsigned int kova_subscribe_audio_focus_zone_changed(kova_audio_focus_zone_chang
     KOVA_LOGE("invalid param");
     return 0;
   }
-  auto *data = static_cast<cb_data *>(g_malloc0(sizeof(cb_data)));  // aborts when memory runs out
-  data->callback = reinterpret_cast<void (*)(void)>(callback);
-  data->user_data = user_data;
+  cb_data *data = kova::new_cb_data(reinterpret_cast<void (*)(void)>(callback), user_data);
   unsigned int id = 0;
   if (_kova_dbus_subscribe_signal("AudioFocusChanged", _focus_changed_signal_cb, &id, data,
                                   _focus_changed_signal_cb_free) != 0) {
@@ -55,12 +53,7 @@ unsigned int kova_subscribe_audio_focus_zone_changed(kova_audio_focus_zone_chang
   return id;
 }
 
-int kova_unsubscribe_audio_focus_zone_changed(unsigned int id) noexcept {
-  GDBusConnection *c = _kova_dbus_get_connection();
-  if (c == nullptr) return -1;
-  g_dbus_connection_signal_unsubscribe(c, id);
-  return 0;
-}
+int kova_unsubscribe_audio_focus_zone_changed(unsigned int id) noexcept { return kova::unsubscribe_signal_quietly(id); }
 
 int kova_get_audio_focus_zone(kova_zone **zone) noexcept {
   if (zone == nullptr) return -2;

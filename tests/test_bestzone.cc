@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <cstdio>
 #include <future>
 #include <utility>
 #include <vector>
@@ -67,6 +68,10 @@ TEST_F(BestZoneTest, RegistryChangesDuringADeliveryTakeEffectFromTheNextOne) {
   EXPECT_EQ(Reg(0, 9), -1);  // keeps the first user data
   Switch(1, 2, 3);
   EXPECT_THAT(results, ElementsAre(0, -1, 0, 0, 0, 0, 0));
+  char cb1[64];  // the second unregistration of cb1 matches its held record again, then finds no other
+  std::snprintf(cb1, sizeof cb1, "%p", reinterpret_cast<void *>(kCb[1]));
+  EXPECT_EQ(doubles::CountLog("cb (" + std::string(cb1) + ") is being invoked", doubles::kInfo), 2);
+  EXPECT_EQ(doubles::CountLog("not registered cb (" + std::string(cb1) + ")", doubles::kError), 1);
   Switch(4);
   EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 2, 3, 100}, Hit{2, 1, 2, 3, 12}, Hit{0, 4, 0, 0, 10},
                                   Hit{2, 4, 0, 0, 12}, Hit{3, 4, 0, 0, 103}));
