@@ -11,6 +11,50 @@
  * context of the thread that made the subscription, and only while a main loop
  * runs there. The library starts no thread of its own.
  *
+ * Unregistration is a barrier. Once an unregister (or unsubscribe) function
+ * returns on a thread other than the one delivering callbacks, no callback of
+ * that registration is running and none will start, so its user data may be
+ * freed. It waits for that registration's own callback only, never for the
+ * rest of a delivery. Called from inside a callback (on the delivering thread,
+ * for itself or another registration) it returns at once without waiting. The
+ * one rule: a callback must not wait for a thread that is unregistering that
+ * same callback; both would wait for ever.
+ *
+ * The process that loads the library:
+ *  - Connection. The library uses the process's shared system-bus connection
+ *    (the one g_bus_get_sync(G_BUS_TYPE_SYSTEM) gives everyone in the
+ *    process) and keeps it for the life of the process. GLib sets that
+ *    connection to end the process when the bus goes away; a program that
+ *    must outlive a bus restart turns this off with
+ *    g_dbus_connection_set_exit_on_close(). After a bus restart the cached
+ *    connection stays closed: every call fails with -1 and every subscription
+ *    is silent until the process starts again.
+ *  - Service restart. The kova service forgets every registration when it
+ *    restarts; subscriptions to its signals keep working (they match any
+ *    sender). Players register again with kova_player_register. The
+ *    per-application registries (resource change, maximum resolution) still
+ *    hold their entries, so registering the same application id again answers
+ *    -1 ("already registered"): unregister it first, then register it again.
+ *    Watch the name "org.zelta.tv.system.resource" on the system bus (for
+ *    instance with g_bus_watch_name) to learn of a restart.
+ *  - Main loop. Signals that arrive for a subscription wait, one queued
+ *    dispatch each, in the subscribing thread's thread-default main context
+ *    until a main loop runs there; a process that subscribes and never runs
+ *    one keeps them in memory. The records of unregistered subscriptions are
+ *    also released from that context.
+ *  - Time-outs. A synchronous call blocks its thread until the service
+ *    answers, for at most GDBus's default time-out of 25 seconds; the
+ *    fire-and-forget calls (player registration, unregistration and stop
+ *    request, removable zone marks) never wait for the service.
+ *  - fork(). A child of a process that already had the connection cannot use
+ *    it (GDBus's worker thread does not survive fork): in the child every call
+ *    and registration fails at once with an error line that says so, and
+ *    command identifiers carry the child's own pid. Call exec() or start the
+ *    child before the first call.
+ *  - Unloading. dlclose() never unmaps the library (it is linked with
+ *    -z nodelete), since GDBus calls back into it after unregistration;
+ *    subscriptions left in place keep working.
+ *
  * Enumerations carry values of the service that the library passes through
  * unchanged; each has a *_FORCE_INT member so that every int is a valid value
  * of it in C++ too.
@@ -291,10 +335,11 @@ KOVA_API int kova_register_best_quality_zone_switched_callback(kova_best_quality
  * Returns 0; -1 when callback is not registered or the subscription cannot be
  * dropped (no bus connection; the callback is unregistered all the same).
  * While a switch is being delivered, unregistering a callback of that delivery
- * returns 0 at once: the callback is not called again (if its turn has not
- * come it is skipped), and its record goes when the delivery ends. Registering
- * it again before then keeps its place in the delivery, with the new user
- * data. */
+ * returns 0 (after waiting for the callback, if it is running on another
+ * thread): the callback is not called again (if its turn has not come it is
+ * skipped), and its record goes when the delivery ends. Unregistering it a
+ * second time before then answers -1 ("not registered"). Registering it again
+ * before then keeps its place in the delivery, with the new user data. */
 KOVA_API int kova_unregister_best_quality_zone_switched_callback(kova_best_quality_zone_switched_cb callback)
     KOVA_NOTHROW;
 
@@ -388,9 +433,9 @@ KOVA_API int kova_register_resource_change_callback(const char *app_id, kova_res
 /* Unregisters app_id and tells the service. Only the application id is
  * matched; callback is only sent to the service and logged. The subscription
  * is dropped with the last registration. A callback may unregister (or
- * register) applications from inside its own call; a callback that another
- * thread unregisters while it is being delivered may still complete that one
- * call.
+ * register) applications from inside its own call; unregistered on another
+ * thread while it is being delivered, it completes that one call before this
+ * function returns.
  * Returns 0 when app_id was registered (also when the service then answers
  * negatively); -1 for a null argument, an id not registered, or when the
  * subscription could not be dropped for lack of a bus connection. */

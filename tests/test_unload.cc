@@ -76,7 +76,8 @@ TEST(Unload, DlcloseLeavesTheLibraryMappedForGDBus) {
                                                                                                      cb(OnRez)),
             0);
   // And some left subscribed across the unload.
-  reinterpret_cast<RegId>(fn("kova_register_player_video_start_request_callback"))(cb(OnPlayer), nullptr);
+  const unsigned int player = reinterpret_cast<RegId>(fn("kova_register_player_video_start_request_callback"))(
+      cb(OnPlayer), nullptr);
   EXPECT_EQ(switched(cb(OnSwitched), nullptr), 0);
   EXPECT_EQ(rsc("app.u", cb(OnResource), nullptr), 0);
 
@@ -93,6 +94,15 @@ TEST(Unload, DlcloseLeavesTheLibraryMappedForGDBus) {
   service.Emit("AppRscChanged", g_variant_new("(siiiii)", "app.u", 1, 0, 640, 480, 30));
   RoundTrip(conn, service);
   EXPECT_EQ(g_hits, 3);
+
+  // Loaded again, it is the same library with the same registrations.
+  lib = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(lib, nullptr);
+  EXPECT_EQ(reinterpret_cast<UnregId>(fn("kova_unregister_player_video_start_request_callback"))(player), 0);
+  EXPECT_EQ(reinterpret_cast<UnregFn>(fn("kova_unregister_best_quality_zone_switched_callback"))(cb(OnSwitched)), 0);
+  EXPECT_EQ(reinterpret_cast<UnregApp>(fn("kova_unregister_resource_change_callback"))("app.u", cb(OnResource)), 0);
+  dlclose(lib);
+  RoundTrip(conn, service);
   g_dbus_connection_set_exit_on_close(conn, FALSE);
 }
 
