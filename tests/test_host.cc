@@ -106,7 +106,7 @@ TEST_F(HostTest, UnregistrationOnAnotherThreadWaitsForTheRunningCallback) {
     Held held;
     held.last_line = f.subscribe(&held);
     std::thread other([&] {
-      held.entered.get_future().wait();
+      if (held.entered.get_future().wait_for(std::chrono::seconds(10)) != std::future_status::ready) return;
       held.unregistering = static_cast<pid_t>(syscall(SYS_gettid));
       f.unsubscribe();
       held.callback_done_at_return = held.callback_done;

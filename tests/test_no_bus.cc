@@ -22,6 +22,15 @@ TEST(NoBus, FirstUseFailsThenTheNextCallConnects) {
   // The first identifier of a process is its pid shifted into the upper half.
   g_autofree gchar *first = g_strdup_printf("[%08X] (PlayerUnregister) failed", static_cast<unsigned>(getpid()) << 16);
   EXPECT_TRUE(doubles::HasLog(first, doubles::kError)) << first;
+  // Without a connection the service link and every unsubscription answer -1.
+  GVariant *reply = nullptr;
+  EXPECT_EQ(_kova_dbus_method_call("PlayerVideoStartDone", g_variant_new("(ii)", 1, 2), &reply), -1);
+  EXPECT_EQ(_kova_dbus_method_call_async_with_no_reply("PlayerRegister", g_variant_new("(iii)", 1, 2, 3)), -1);
+  for (int (*unsubscribe)(unsigned int) :
+       {kova_unregister_player_video_start_request_callback, kova_unregister_audio_focus_changed_callback,
+        kova_unsubscribe_audio_focus_zone_changed, kova_unregister_resource_policy_changed_callback}) {
+    EXPECT_EQ(unsubscribe(5), -1);
+  }
 
   std::string error;
   std::unique_ptr<PrivateBus> bus = PrivateBus::Start(options, &error);

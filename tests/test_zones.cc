@@ -37,15 +37,15 @@ TEST_F(ZonesTest, WalksShareOnePositionThatStopsAtBothEnds) {
   void *list = nullptr;
   Reply("GetMultiviewZoneIds", "([(1, 10, 'a'), (2, 20, 'b'), (3, -30, 'c')],)");
   ASSERT_EQ(kova_get_zone_list(&list), 0);
-  // Each step as the id of the zone in `zone` after it, "!" when it failed.
+  // Each step as the id of the zone in `zone` after it, then the result when it failed.
   kova_zone *zone = nullptr;
-  const auto seen = [&](int result) { return std::to_string(zone ? zone->id : 0) + (result == 0 ? "" : "!"); };
+  const auto seen = [&](int r) { return std::to_string(zone ? zone->id : 0) + (r == 0 ? "" : std::to_string(r)); };
   const auto prev = [&] { return seen(kova_get_prev_zone(list, &zone)); };
   const auto next = [&] { return seen(kova_get_next_zone(list, &zone)); };
   const auto get_next = [&] { return (zone = kova_resource_zone_list_get_next(list)) ? seen(0) : "null"; };
   EXPECT_THAT((std::vector<std::string>{prev(), get_next(), next(), get_next(), next(), get_next(), prev(), prev(),
                                         prev(), next(), get_next()}),
-              ::testing::ElementsAre("0!", "1", "2", "3", "3!", "null", "2", "1", "1!", "2", "3"));
+              ::testing::ElementsAre("0-1", "1", "2", "3", "3-1", "null", "2", "1", "1-1", "2", "3"));
   EXPECT_EQ(Read(zone), "3:-30:c");
   EXPECT_EQ(kova_free_resource_zone_list(list), 0);
 }
