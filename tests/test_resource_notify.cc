@@ -25,9 +25,10 @@ struct Probe {
   }
 };
 
-void OnResource(const char *id, kova_resource *r, void *p) {
-  const Ints fields{r->max_resolution_changed, r->audio_out_changed, r->width, r->height, r->framerate};
-  static_cast<Probe *>(p)->Seen(id, fields);
+void OnResource(const char *id, kova_resource *r, void *p) {  // read through the accessors
+  int w = 0, h = 0, f = 0;
+  const int got = kova_rsc_get_video_max_resolution(r, &w, &h, &f);
+  static_cast<Probe *>(p)->Seen(id, {kova_rsc_max_resolution_changed(r), kova_rsc_audio_out_changed(r), w, h, f, got});
 }
 void OnMaxRez(const char *id, int w, int h, int rate, void *p) { static_cast<Probe *>(p)->Seen(id, {w, h, rate}); }
 // Unregistration goes by application id alone: the tests unregister with these, which are only sent on.
@@ -50,7 +51,7 @@ const Registry kResource{
     [](const char *app, Probe *p) { return kova_register_resource_change_callback(app, OnResource, p); },
     [](const char *app) { return kova_unregister_resource_change_callback(app, OtherResource); },
     reinterpret_cast<void *>(OnResource), reinterpret_cast<void *>(OtherResource), "RscChangeRegId",
-    "RscChangeUnRegId", "AppRscChanged", "(%s, 1, 0, 640, 480, 30)", true, {1, 0, 640, 480, 30}};
+    "RscChangeUnRegId", "AppRscChanged", "(%s, 2, 0, 640, 480, 30)", true, {1, 0, 640, 480, 30, 0}};
 
 const Registry kMaxRez{
     [](const char *app, Probe *p) { return kova_register_max_video_resolution_changed_callback(app, OnMaxRez, p); },
@@ -121,6 +122,14 @@ TEST_P(RegistryTest, RegistrationInFlightWhileTheMapChanges) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, RegistryTest, ::testing::Values(kResource, kMaxRez));
+
+TEST(ResourceRecord, PredicatesHoldForAnyNonZeroField) {
+  for (int v : {0, 1, 2, -1}) {
+    const kova_resource r{v, v, 480, 640, 30};
+    EXPECT_EQ(kova_rsc_max_resolution_changed(&r), v != 0) << v;
+    EXPECT_EQ(kova_rsc_audio_out_changed(&r), v != 0) << v;
+  }
+}
 
 }  // namespace
 }  // namespace kova_test
