@@ -14,7 +14,6 @@ namespace kova_test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 
 using Hit = std::tuple<int, int, int, int, intptr_t>;  // callback, the three zones, user data
 
@@ -48,17 +47,6 @@ class BestZoneTest : public KovaTest {
     ASSERT_TRUE(WaitUntil([&] { return g_hits.size() > before; }));
   }
 };
-
-TEST_F(BestZoneTest, SwitchSendsBothZonesAndReturnsTheServiceInteger) {
-  const auto id = [&] { return "[" + Hex(LastCall("SwitchBestQaulityZone").args.i32(0)) + "] "; };
-  service().SetInt("SwitchBestQaulityZone", 7);
-  EXPECT_EQ(kova_switch_best_quality_zone(2, 0), 7);
-  EXPECT_THAT(LastCall("SwitchBestQaulityZone").args.text(), EndsWith(", 2, 0)"));
-  EXPECT_TRUE(doubles::HasLog(id() + "_kova_dbus_method_call() success, method return value is (7)", doubles::kInfo));
-  service().Set("SwitchBestQaulityZone", Answer::Error("org.zelta.Error.Failed", "no"));
-  EXPECT_EQ(kova_switch_best_quality_zone(2, 0), -1);
-  EXPECT_TRUE(doubles::HasLog(id() + "_kova_dbus_method_call() for BEST QUALITY ZONE INFO is failed", doubles::kError));
-}
 
 TEST_F(BestZoneTest, RegistryChangesDuringADeliveryTakeEffectFromTheNextOne) {
   // cb0 unregisters cb1 twice, takes cb2 (still to come) and itself out and back in, and registers cb3.

@@ -1,4 +1,4 @@
-// Audio focus: the four queries, and the two kinds of subscription, which both listen to one signal.
+// Audio focus: the two kinds of subscription, which both listen to one signal.
 #include <gmock/gmock.h>
 
 #include "kova_api.h"
@@ -7,29 +7,7 @@
 namespace kova_test {
 namespace {
 
-using ::testing::EndsWith;
-
 class FocusTest : public KovaTest {};
-
-TEST_F(FocusTest, QueriesPutTheArgumentsOnTheWireAndMapTheReply) {
-  service().SetInt("GetLastAudioFocus", -3);
-  service().SetInt("GetAudioFocus", 0);
-  service().SetInt("IsAudioFocused", 1234);
-  service().SetInt("SetAudioFocus", 1);
-  int focus = 55;
-  EXPECT_EQ(kova_get_last_audio_focus(&focus), 0);
-  EXPECT_EQ(focus, -3);
-  EXPECT_EQ(kova_get_audio_focus(&focus), -1);  // 0 is "no focus"
-  EXPECT_EQ(kova_is_audio_focused("org.app"), 1234);
-  EXPECT_EQ(kova_set_audio_focus(-9), -1);  // only 0 gives 0, yet the success line comes
-  EXPECT_THAT(LastCall("IsAudioFocused").args.text(), EndsWith(", 'org.app')"));
-  EXPECT_THAT(LastCall("SetAudioFocus").args.text(), EndsWith(", -9)"));
-  const auto tag = [&](const char *m) { return "[" + Hex(LastCall(m).args.i32(0)) + "] _kova_dbus_method_call() "; };
-  EXPECT_TRUE(doubles::HasLog(tag("SetAudioFocus") + "success, method return value is (1)", doubles::kInfo));
-  service().Set("GetAudioFocus", Answer::Error("org.zelta.Error.Failed", "no"));
-  EXPECT_EQ(kova_get_audio_focus(&focus), -1);
-  EXPECT_TRUE(doubles::HasLog(tag("GetAudioFocus") + "for GET_AUDIO_FOCUS is failed", doubles::kError));
-}
 
 using Seen = std::vector<std::string>;  // what one subscriber saw
 

@@ -1,4 +1,4 @@
-// Maximum-resolution queries and the capable-category lookup.
+// The capable-category lookup: decided locally unless the platform's facts send it to the service.
 #include <unistd.h>
 
 #include <string>
@@ -15,19 +15,6 @@ constexpr int kOption = 0x10000;  // an option bit that unmasking removes
 constexpr const char *kPolicyMarker = "/tmp/.rsc_policy_activated";  // present: not normal mode
 
 using QueryTest = KovaTest;
-
-// The answer is copied as it comes (also zero or below); a failed call leaves the outputs alone.
-TEST_F(QueryTest, ResolutionQueriesCopyTheAnswerOrLeaveTheOutputsAlone) {
-  int w = 7, h = 8, f = 9;
-  service().Set("GetMaxVideo", Answer::Value(g_variant_new("(iii)", -1, 0, 30)));
-  EXPECT_EQ(kova_get_max_video_resolution("app.v", &w, &h, &f), 0);
-  EXPECT_EQ(LastCall("GetMaxVideo").args.str(1), "app.v");
-  service().Set("PolicyGetMaxVideo", Answer::Error("org.zelta.Error.Failed", "no"));
-  EXPECT_EQ(kova_policy_get_max_resolution(KOVA_RSC_POLICY_GAME, static_cast<kova_video_codec_e>(9), &w, &h, &f), -1);
-  EXPECT_EQ(std::vector<int>({w, h, f}), std::vector<int>({-1, 0, 30}));
-  const Call policy = LastCall("PolicyGetMaxVideo");  // a codec the header does not list goes as it is
-  EXPECT_EQ(policy.args.text(), "(" + std::to_string(policy.args.i32(0)) + ", 2, 9)");
-}
 
 enum Facts : unsigned { kNone = 0, kInterlaced = 1, kPortrait = 2, kHdmi = 4, kPolicyMode = 8 };
 
