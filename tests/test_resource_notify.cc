@@ -97,6 +97,9 @@ TEST_P(RegistryTest, ApplicationsShareOneSubscriptionDroppedWithTheLast) {
   Signal("app.a");
   ASSERT_TRUE(WaitUntil([&] { return !a.got.empty(); }));
   EXPECT_EQ(Subscriptions(), 0);  // gone with the last, from inside its callback
+  service().Set(R().reg_method, Answer::Error("org.zelta.Error.Failed", "no"));
+  EXPECT_EQ(R().reg("app.c", &a), -1);  // a failed call registers nothing
+  EXPECT_EQ(R().unreg("app.c"), -1);
 }
 
 // app.late's registration waits for the service, answered `answer`, while this thread unregisters `gone`
