@@ -5,10 +5,34 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 namespace {
+
+// The lowest priority written, from MARLO_LOG_LEVEL (read once): errors only
+// unless asked for more, so that a program using the library keeps a quiet
+// stderr.
+int lowest_priority() {
+  static const int lowest = [] {
+    const char *level = std::getenv("MARLO_LOG_LEVEL");
+    if (level == nullptr) return 6;
+    struct Name {
+      const char *name;
+      int priority;
+    };
+    static const Name names[] = {{"silent", 8}, {"fatal", 7},   {"error", 6},   {"warning", 5},
+                                 {"info", 4},   {"debug", 3},   {"verbose", 2}, {"all", 0}};
+    for (const Name &n : names) {
+      if (std::strcmp(level, n.name) == 0) return n.priority;
+    }
+    char *end = nullptr;
+    const long number = std::strtol(level, &end, 10);
+    return end != level && *end == '\0' ? static_cast<int>(number) : 6;
+  }();
+  return lowest;
+}
 
 char priority_letter(int priority) {
   switch (priority) {
@@ -68,6 +92,7 @@ size_t put_prefix(char *out, int priority, const char *tag, int buffer_id) {
 // into a stack buffer and one write: no stdio lock, no heap.
 extern "C" int __marlo_print(int buffer_id, int priority, const char *tag, const char *fmt, ...) {
   if (fmt == nullptr) return -1;
+  if (priority < lowest_priority()) return 0;
   char small[512];
   const size_t at = put_prefix(small, priority, tag, buffer_id);
   va_list ap;

@@ -1,6 +1,7 @@
 // The platform stand-ins themselves: marker events with inotify and the log line.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -28,26 +29,43 @@ TEST(PelkStandIn, AbsentOrWokenByTheMarker) {
   unlink(marker.c_str());
 }
 
-TEST(MarloStandIn, WritesOneReadableLinePerCall) {
+// What the stand-in writes to stderr in a child whose MARLO_LOG_LEVEL is level
+// (null: unset), which reads the level once.
+std::string Written(const char *level, void (*body)()) {
   int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  int saved = dup(STDERR_FILENO);
-  dup2(fds[1], STDERR_FILENO);
-  __marlo_print(2, 4, "KOVA_API", "%s: %s(%d) > %s", "f.cc", "fn", 12, ">>");
-  __marlo_print(2, 6, "KOVA_API", "failed %d", -1);
-  __marlo_print(-13, 9, nullptr, "odd");
-  // Longer than the stand-in's stack buffer.
-  const std::string long_text(700, 'x');
-  __marlo_print(2, 4, "KOVA_API", "%s!", long_text.c_str());
-  dup2(saved, STDERR_FILENO);
-  close(saved);
+  if (pipe(fds) != 0) return "pipe failed";
+  const pid_t child = fork();
+  if (child == 0) {
+    if (level != nullptr) setenv("MARLO_LOG_LEVEL", level, 1);
+    dup2(fds[1], STDERR_FILENO);
+    body();
+    _exit(0);
+  }
   close(fds[1]);
   std::string out;
   char buf[256];
   for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
   close(fds[0]);
-  EXPECT_EQ(out, "I/KOVA_API(2): f.cc: fn(12) > >>\nE/KOVA_API(2): failed -1\n?/(-13): odd\n"
-                 "I/KOVA_API(2): " + long_text + "!\n");
+  waitpid(child, nullptr, 0);
+  return out;
+}
+
+void InfoAndError() {
+  __marlo_print(2, 4, "KOVA_API", "%s: %s(%d) > %s", "f.cc", "fn", 12, ">>");
+  __marlo_print(2, 6, "KOVA_API", "failed %d", -1);
+}
+
+TEST(MarloStandIn, WritesOneReadableLinePerCallAtTheLevelAskedFor) {
+  const std::string info = "I/KOVA_API(2): f.cc: fn(12) > >>\n", error = "E/KOVA_API(2): failed -1\n";
+  EXPECT_EQ(Written(nullptr, InfoAndError), error);  // quiet by default
+  EXPECT_EQ(Written("silent", InfoAndError), "");
+  EXPECT_EQ(Written("4", InfoAndError), info + error);
+  EXPECT_EQ(Written("info", [] {
+              InfoAndError();
+              __marlo_print(-13, 9, nullptr, "odd");
+              __marlo_print(2, 4, "KOVA_API", "%s!", std::string(700, 'x').c_str());  // past the stack buffer
+            }),
+            info + error + "?/(-13): odd\nI/KOVA_API(2): " + std::string(700, 'x') + "!\n");
 }
 
 }  // namespace
