@@ -56,6 +56,14 @@ TEST(SimBus, RefusesABadConfigurationAndServesTheLibraryAndEveryDescribedMethod)
                                                         G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
   while (g_main_context_iteration(nullptr, FALSE)) continue;  // the start signal was sent before that reply
   EXPECT_EQ(started, 10);
+  // Its own state, on its debug interface: the player holds one of the two decoders.
+  g_autoptr(GVariant) state = g_dbus_connection_call_sync(
+      client, kName, "/Org/Zelta/TV/System/Resource/Debug", "org.zelta.tv.system.resource.Debug", "GetState",
+      nullptr, G_VARIANT_TYPE("(a{sv})"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  ASSERT_NE(state, nullptr);
+  g_autofree gchar *state_text = g_variant_print(state, FALSE);
+  EXPECT_THAT(state_text, ::testing::HasSubstr("[{'id': <10>, 'value': <0>, 'state': <'playing'>, 'audio_out': <1>"));
+  EXPECT_THAT(state_text, ::testing::HasSubstr("'decoders': <{'total': <2>, 'free': <1>}>"));
 
   ASSERT_NE(xml, nullptr);
   const char *text = nullptr;

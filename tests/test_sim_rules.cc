@@ -29,7 +29,7 @@ std::string Layout(const Kova &k) {
 TEST(SimPlayers, TheHolderHandsOverWhenItAcknowledgesTimesOutOrUnregisters) {
   const std::pair<const char *, std::function<void(Kova &, unsigned)>> cases[] = {
       {"acknowledges", [](Kova &k, unsigned) { EXPECT_EQ(k.PlayerVideoStopDone(10) + k.PlayerAudioStopDone(10), 0); }},
-      {"times out", [](Kova &k, unsigned serial) { k.StopTimedOut(10, serial); }},
+      {"times out", [](Kova &k, unsigned serial) { EXPECT_TRUE(k.StopTimedOut(10, serial)); }},
       {"unregisters", [](Kova &k, unsigned) { k.PlayerUnregister(3, 10); }},
   };
   for (const auto &[how, let_go] : cases) {
@@ -42,9 +42,10 @@ TEST(SimPlayers, TheHolderHandsOverWhenItAcknowledgesTimesOutOrUnregisters) {
     EXPECT_THAT(out.signals, ElementsAre(Req(kVideoStart, 100, 10), Req(kAudioStart, 100, 10),
                                          Req(kVideoStop, 200, 10), Req(kAudioStop, 200, 10)));
     ASSERT_THAT(out.timers, ElementsAre(::testing::Field(&StopTimer::ms, 3000)));
+    EXPECT_EQ(k.Snap().players.at(0).stopping_for, 20);
     let_go(k, out.timers[0].serial);
     EXPECT_THAT(k.TakeOutbox().signals, ElementsAre(Req(kVideoStart, 200, 20), Req(kAudioStart, 200, 20)));
-    k.StopTimedOut(10, out.timers[0].serial);  // a finished stop's timer does nothing
+    EXPECT_FALSE(k.StopTimedOut(10, out.timers[0].serial));  // a finished stop's timer does nothing
     EXPECT_THAT(k.TakeOutbox().signals, ::testing::IsEmpty());
   }
 }

@@ -2,7 +2,9 @@
 // libkova-api without the TV. See README.md for the rules it follows.
 #include <fcntl.h>
 #include <glib-unix.h>
+#include <glib/gstdio.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,6 +14,7 @@
 
 #include "bus_daemon.h"
 #include "config.h"
+#include "debug.h"
 #include "markers.h"
 #include "rules.h"
 #include "service.h"
@@ -27,6 +30,7 @@ struct Options {
   gchar *marker_root = nullptr;
   gboolean private_bus = FALSE;
   gint ready_fd = -1;
+  gboolean sh_syntax = FALSE;
   gboolean verbose = FALSE;
   ~Options() {
     g_free(config);
@@ -48,6 +52,10 @@ bool ParseOptions(int *argc, char ***argv, Options *o, std::string *error) {
       {"private-bus", 'p', 0, G_OPTION_ARG_NONE, &o->private_bus,
        "Start a dbus-daemon of our own and print DBUS_SYSTEM_BUS_ADDRESS=... on stdout", nullptr},
       {"ready-fd", 'r', 0, G_OPTION_ARG_INT, &o->ready_fd, "Write \"ready\" to descriptor N, then close it", "N"},
+      {"sh-syntax", 's', 0, G_OPTION_ARG_NONE, &o->sh_syntax,
+       "Go to the background once serving and print shell assignments to eval: the bus address, the marker "
+       "root (a new temporary one unless -m) and the service's pid",
+       nullptr},
       {"verbose", 'v', 0, G_OPTION_ARG_NONE, &o->verbose, "Log every call and signal to stderr", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
@@ -85,6 +93,57 @@ struct Loop {
   }
 };
 
+// A value quoted for sh.
+std::string Quoted(const std::string &v) {
+  std::string out = "'";
+  for (char c : v) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+std::string Assignments(const std::string &address, const std::string &marker_root) {
+  std::string out;
+  const auto put = [&out](const char *name, const std::string &value) {
+    out += std::string(name) + "=" + value + "; export " + name + ";\n";
+  };
+  put("DBUS_SYSTEM_BUS_ADDRESS", Quoted(address));
+  if (!marker_root.empty()) put("PELK_ROOT", Quoted(marker_root));
+  put("KOVA_SIM_PID", std::to_string(getpid()));
+  return out;
+}
+
+// --sh-syntax: the parent waits for the service to be ready, prints what the
+// child wrote to *fd and exits; the child goes on in the background. Called
+// before GLib starts any thread. Returns -1 in the child, else the parent's
+// exit status.
+int Background(int *fd) {
+  int fds[2];
+  if (pipe(fds) != 0) return Fail(kExitFailure, "pipe failed");
+  const pid_t child = fork();
+  if (child < 0) return Fail(kExitFailure, "fork failed");
+  if (child == 0) {
+    close(fds[0]);
+    setsid();
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    dup2(null, STDIN_FILENO);
+    dup2(null, STDOUT_FILENO);
+    close(null);
+    *fd = fds[1];
+    return -1;
+  }
+  close(fds[1]);
+  std::string text;
+  char buf[512];
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+  close(fds[0]);
+  if (!text.empty()) {
+    std::fputs(text.c_str(), stdout);
+    return 0;
+  }
+  int status = 0;
+  waitpid(child, &status, 0);  // it said why on stderr
+  return WIFEXITED(status) && WEXITSTATUS(status) != 0 ? WEXITSTATUS(status) : kExitFailure;
+}
+
 void OnClosed(GDBusConnection *, gboolean, GError *, gpointer loop) {
   std::fprintf(stderr, "kova-sim: the bus connection closed\n");
   static_cast<Loop *>(loop)->Quit(kExitFailure);
@@ -105,6 +164,22 @@ int main(int argc, char **argv) {
     return Fail(kExitUsage, "bad configuration: " + error);
   }
 
+  // The marker root: given, or made (and removed at the end) for --sh-syntax,
+  // so that the printed PELK_ROOT always names the service's markers.
+  std::string marker_root = options.marker_root ? options.marker_root : "";
+  bool own_marker_root = false;
+  if (marker_root.empty() && options.sh_syntax) {
+    gchar *dir = g_dir_make_tmp("kova-sim-markers-XXXXXX", nullptr);
+    if (dir == nullptr) return Fail(kExitFailure, "cannot make a marker directory");
+    marker_root = dir;
+    g_free(dir);
+    own_marker_root = true;
+  }
+  int sh_fd = -1;
+  if (options.sh_syntax) {
+    if (const int status = Background(&sh_fd); status >= 0) return status;
+  }
+
   std::unique_ptr<kova_sim::BusDaemon> daemon;
   std::string address;
   if (options.private_bus) {
@@ -112,6 +187,7 @@ int main(int argc, char **argv) {
     if (!daemon) return Fail(kExitFailure, error);
     address = daemon->address();
     std::printf("DBUS_SYSTEM_BUS_ADDRESS=%s\n", address.c_str());
+    if (!marker_root.empty()) std::printf("PELK_ROOT=%s\n", marker_root.c_str());
     std::fflush(stdout);
   } else if (const char *env = std::getenv("DBUS_SYSTEM_BUS_ADDRESS"); env != nullptr && env[0] != '\0') {
     address = env;
@@ -144,12 +220,13 @@ int main(int argc, char **argv) {
   {
     Loop loop;
     kova_sim::Kova kova(config);
-    kova_sim::Markers markers(options.marker_root ? options.marker_root : "");
+    kova_sim::Markers markers(marker_root);
     kova_sim::Service service(kova, markers, options.verbose);
+    kova_sim::Debug debug(kova);
     const gulong closed_id =
         g_signal_connect_data(connection, "closed", reinterpret_cast<GCallback>(&OnClosed), &loop, nullptr,
                               static_cast<GConnectFlags>(0));
-    if (!service.Register(connection, &error)) {
+    if (!service.Register(connection, &error) || !debug.Register(connection, &error)) {
       status = Fail(kExitFailure, error);
     } else if (!service.OwnName(&error)) {
       status = Fail(kExitNameOwned, error);
@@ -168,6 +245,12 @@ int main(int argc, char **argv) {
         (void)!write(options.ready_fd, "ready\n", 6);
         close(options.ready_fd);
       }
+      if (sh_fd >= 0) {
+        const std::string text = Assignments(address, marker_root);
+        (void)!write(sh_fd, text.data(), text.size());
+        close(sh_fd);
+        sh_fd = -1;
+      }
       g_main_loop_run(loop.loop);
       status = loop.status;
       g_source_remove(sigint);
@@ -179,5 +262,6 @@ int main(int argc, char **argv) {
   }
   g_dbus_connection_close_sync(connection, nullptr, nullptr);
   g_object_unref(connection);
+  if (own_marker_root) g_rmdir(marker_root.c_str());
   return status;
 }

@@ -49,6 +49,45 @@ int Kova::free_decoders() const {
   return config_.video_decoders - held;
 }
 
+Snapshot Kova::Snap() const {
+  static const char *const kStates[] = {"idle", "playing", "stopping", "waiting"};
+  Snapshot s{};
+  for (const auto &[id, p] : players_) {
+    std::vector<std::string> awaiting;
+    const std::pair<bool, const char *> pending[] = {{p.video_start_pending, "video-start"},
+                                                     {p.audio_start_pending, "audio-start"},
+                                                     {p.video_stop_pending, "video-stop"},
+                                                     {p.audio_stop_pending, "audio-stop"}};
+    for (const auto &[on, name] : pending) {
+      if (on) awaiting.emplace_back(name);
+    }
+    const bool waiting = p.state == PlayerState::kWaiting;
+    s.players.push_back({id, p.value, kStates[static_cast<int>(p.state)], waiting ? p.promised_audio : p.audio_out,
+                         p.state == PlayerState::kPlaying || p.state == PlayerState::kStopping, std::move(awaiting),
+                         p.has_beneficiary ? p.beneficiary : 0});
+  }
+  s.video_decoders = config_.video_decoders;
+  s.free_decoders = free_decoders();
+  s.zones = Zones();
+  for (const Zone &z : zones_) {
+    if (z.removable) s.removable_apps.push_back(z.app_id);
+  }
+  s.focused_zone = focused_zone_;
+  s.best_quality_zone = best_zone_;
+  s.audio_focus = audio_focus_;
+  s.last_audio_focus = last_audio_focus_;
+  s.layout_state = layout_state_;
+  s.policy = policy_;
+  s.policy_owner = policy_owner_;
+  for (const auto &[app, grant] : rsc_regs_) s.resource_change_apps.push_back(app);
+  for (const auto &[app, max] : rez_regs_) s.max_resolution_apps.push_back(app);
+  for (const auto &[type, apps] : app_lists_) {
+    for (const auto &[app, priorities] : apps) s.app_lists[type].push_back(app);
+  }
+  s.ext_speakers = ext_speakers_;
+  return s;
+}
+
 int Kova::HoldersOf(int audio_out) const {
   int n = 0;
   for (const auto &[id, p] : players_) {
@@ -191,9 +230,11 @@ void Kova::CancelWait(int player_id) {
   }
 }
 
-void Kova::StopTimedOut(int player_id, unsigned serial) {
+bool Kova::StopTimedOut(int player_id, unsigned serial) {
   const Player *p = FindPlayer(player_id);
-  if (p != nullptr && p->state == PlayerState::kStopping && p->stop_serial == serial) FinishStop(player_id);
+  if (p == nullptr || p->state != PlayerState::kStopping || p->stop_serial != serial) return false;
+  FinishStop(player_id);
+  return true;
 }
 
 int Kova::StopDone(int player_id, bool video) {

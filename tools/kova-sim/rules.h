@@ -92,6 +92,35 @@ struct ZoneInfo {
   std::string app_id;  // empty: no application
 };
 
+// Everything the simulator knows, for developers looking at it from outside.
+struct Snapshot {
+  struct PlayerView {
+    int id;
+    int value;
+    const char *state;       // "idle", "playing", "stopping", "waiting"
+    int audio_out;           // held, or promised while waiting
+    bool decoder;            // holds a video decoder
+    std::vector<std::string> awaiting;  // acknowledgements the service waits for
+    int stopping_for;        // while stopping: the player that gets its resources (0: none)
+  };
+  std::vector<PlayerView> players;
+  int video_decoders;
+  int free_decoders;
+  std::vector<ZoneInfo> zones;
+  std::vector<std::string> removable_apps;
+  int focused_zone;
+  int best_quality_zone;
+  int audio_focus;
+  int last_audio_focus;
+  int layout_state;
+  int policy;
+  std::string policy_owner;
+  std::vector<std::string> resource_change_apps;
+  std::vector<std::string> max_resolution_apps;
+  std::map<int, std::vector<std::string>> app_lists;
+  std::map<std::string, int> ext_speakers;
+};
+
 class Kova {
  public:
   enum class PlayerState { kIdle, kPlaying, kStopping, kWaiting };
@@ -109,7 +138,8 @@ class Kova {
   int PlayerVideoStopDone(int player_id);
   int PlayerAudioStopDone(int player_id);
   int GetPlayerAudioOut(int player_id) const;
-  void StopTimedOut(int player_id, unsigned serial);
+  // True when the stop was still waiting for its acknowledgements.
+  bool StopTimedOut(int player_id, unsigned serial);
 
   // External speakers: a name bound to an audio output.
   int RegisterExtSpk(int cmd, const std::string &name, int audio_out);
@@ -162,6 +192,7 @@ class Kova {
   // Read-outs for logs and tests.
   PlayerState player_state(int player_id) const;
   int free_decoders() const;
+  Snapshot Snap() const;
 
   // Everything queued since the last call.
   Outbox TakeOutbox();

@@ -210,8 +210,9 @@ gboolean Service::OnStopTimer(gpointer data) {
   auto *t = static_cast<TimerData *>(data);
   Service *self = t->service;
   self->timers_.erase(t->key);
-  self->Log("stop of player %d not acknowledged in time", t->player_id);
-  self->kova_.StopTimedOut(t->player_id, t->serial);
+  if (self->kova_.StopTimedOut(t->player_id, t->serial)) {
+    self->Log("stop of player %d not acknowledged in time", t->player_id);
+  }
   self->Flush();
   return G_SOURCE_REMOVE;
 }
