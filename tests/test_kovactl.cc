@@ -42,6 +42,7 @@ class KovactlTest : public ::testing::Test {
     g_autoptr(GDataInputStream) out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(sim_));
     const std::string address = Line(out);  // DBUS_SYSTEM_BUS_ADDRESS=...
     g_setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str() + address.find('=') + 1, TRUE);
+    ASSERT_EQ(Line(out), "PELK_ROOT=" + markers_);
     ASSERT_EQ(Line(out), "ready");  // and nothing more on stdout
   }
   static void TearDownTestSuite() {

@@ -42,7 +42,14 @@ std::unique_ptr<BusDaemon> BusDaemon::Start(std::string *error) {
     return nullptr;
   }
   std::string config_arg = "--config-file=" + config_path;
-  std::vector<char *> argv = {const_cast<char *>("dbus-daemon"), const_cast<char *>("--nofork"),
+  // On PATH, or where the system keeps it: an installed kova-sim may run with
+  // nothing but its own bin/ on PATH.
+  std::string program = "/usr/bin/dbus-daemon";
+  if (gchar *found = g_find_program_in_path("dbus-daemon")) {
+    program = found;
+    g_free(found);
+  }
+  std::vector<char *> argv = {program.data(), const_cast<char *>("--nofork"),
                               const_cast<char *>("--nopidfile"), config_arg.data(),
                               const_cast<char *>("--print-address=1"), nullptr};
   GPid pid;
