@@ -18,11 +18,13 @@ static void on_policy_changed(kova_policy_info *info, void *user_data) {
   kova_app_list_h apps = kova_policy_info_get_app_list(info);
   printf("<- policy changed to %d, %d application(s)\n", kova_policy_info_get_policy(info),
          kova_app_list_get_count(apps));
-  /* The record and its list belong to the library: read them, do not keep them. */
-  if (kova_app_list_get_count(apps) > 0) {
-    for (kova_app *app = kova_app_list_get_first(apps); app != NULL; app = kova_app_list_get_next(apps)) {
-      printf("   zone %d: %s\n", kova_app_get_zone_id(app), kova_app_get_app_id(app));
-    }
+  /* The record and its list belong to the library: read them, do not keep them.
+   * Walking by the count spares the error line that a step past the last
+   * application writes. */
+  const int count = kova_app_list_get_count(apps);
+  for (int i = 0; i < count; ++i) {
+    kova_app *app = i == 0 ? kova_app_list_get_first(apps) : kova_app_list_get_next(apps);
+    printf("   zone %d: %s\n", kova_app_get_zone_id(app), kova_app_get_app_id(app));
   }
   if (w->awaited > 0 && --w->awaited == 0) g_main_loop_quit(w->loop);
 }

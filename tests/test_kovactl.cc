@@ -1,10 +1,14 @@
-// kovactl as a user runs it, against kova-sim on a private bus: output lines and exit status.
+// kovactl as a user runs it, against kova-sim on a private bus: output lines, exit status and the
+// reasons it gives.
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <fstream>
+#include <iterator>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,21 +17,20 @@
 
 namespace {
 
-using ::testing::Pair;
+using ::testing::HasSubstr;
 
-// The next line of in; "" at its end.
 std::string Line(GDataInputStream *in) {
   g_autofree gchar *line = g_data_input_stream_read_line(in, nullptr, nullptr, nullptr);
   return line ? line : "";
 }
 
-// Runs kovactl with args (split as a shell would) to the end: its exit status, and stdout then stderr.
-std::pair<int, std::string> Kovactl(const std::string &args) {
-  g_autofree gchar *path = g_shell_quote(KOVACTL_PATH);
+// Runs a command line (kovactl standing for the binary) to its end: exit status, stdout then stderr.
+std::pair<int, std::string> Sh(const std::string &line) {
+  const std::string command = std::regex_replace(line, std::regex("\\bkovactl\\b"), KOVACTL_PATH);
   g_autofree gchar *out = nullptr;
   g_autofree gchar *err = nullptr;
   int status = 0;
-  g_spawn_command_line_sync((path + (" " + args)).c_str(), &out, &err, &status, nullptr);
+  g_spawn_command_line_sync(command.c_str(), &out, &err, &status, nullptr);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::string(out ? out : "") + (err ? err : "")};
 }
 
@@ -43,7 +46,7 @@ class KovactlTest : public ::testing::Test {
     const std::string address = Line(out);  // DBUS_SYSTEM_BUS_ADDRESS=...
     g_setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str() + address.find('=') + 1, TRUE);
     ASSERT_EQ(Line(out), "PELK_ROOT=" + markers_);
-    ASSERT_EQ(Line(out), "ready");  // and nothing more on stdout
+    ASSERT_EQ(Line(out), "ready");
   }
   static void TearDownTestSuite() {
     g_subprocess_send_signal(sim_, SIGTERM);  // it removes its markers and its bus
@@ -55,23 +58,75 @@ class KovactlTest : public ::testing::Test {
   static inline GSubprocess *sim_ = nullptr;
 };
 
-TEST_F(KovactlTest, ExitsByTheResultOrTheUsageAndHelps) {
-  EXPECT_THAT(Kovactl("player done audio-stop 5"), Pair(1, "player-done result=-1\n"));  // nothing to acknowledge
-  EXPECT_THAT(Kovactl("player play five"), Pair(2, ::testing::HasSubstr("player id must be an integer, not 'five'")));
-  EXPECT_THAT(Kovactl("--help"), Pair(0, ::testing::HasSubstr("kovactl monitor")));
+struct Row {
+  const char *line;
+  int status;
+  const char *output;  // a part of stdout and stderr
+};
+
+TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
+  const Row rows[] = {
+      {"kovactl", 2, "Usage: kovactl"},
+      {"kovactl player", 2, "kovactl: player needs a command"},
+      {"kovactl --version", 0, "kovactl 0.1.0"},
+      {"kovactl zones layout --help", 0, "none (0), single (1), multiview (2), changing (3)"},
+      {"kovactl player play five", 2, "player id must be an integer, not 'five'"},
+      {"kovactl player register 10", 0, "player-register result=10\n"},
+      {"kovactl player play 10", 0, "player-play result=0 audio_out=1 source=service\n"},
+      {"kovactl player done audio-stop 5 --json", 1,
+       "{\"kind\":\"player-done\",\"result\":-1,\"error\":\"the library answered -1 ("},
+      {"kovactl player audio-out 10", 0, "source=platform"},  // no policy active: the resource manager
+      {"env -u PELK_ROOT kovactl player play 3", 0, "source=library\nkovactl: warning: the service's ready marker"},
+      {"kovactl player play 99", 1, "kovactl: player-play: [" /* the library's reason */},
+      {"kovactl speaker register bar sub", 0, "speaker-register result=0"},
+      {"kovactl zones layout multiview", 0, "layout result=0"},
+      {"kovactl zones list --json", 0, "{\"kind\":\"zone\",\"zone\":1,\"scaler\":0,\"app\":\"\"}"},
+      {"kovactl resolution policy game av1", 0, "policy-max-resolution result=0 width=1920"},
+      {"kovactl policy app-zones game a.app", 2, "APP:ZONE expected, not 'a.app'"},
+      {"kovactl policy internal default", 0, "policy-internal result=0"},
+      {"kovactl monitor -t -1", 2, "above 0, not '-1'"},
+      {"kovactl monitor --register-app ''", 2, "needs a non-empty application id"},
+      {"kovactl monitor -t 0.1 --json", 0, "{\"kind\":\"ready\"}"},
+      {"kovactl status", 0, "org.zelta.tv.system.resource: owner :1."}, {"kovactl status", 0, "  players:\n    -\n      id: 10\n"},
+      {"kovactl --json status", 0, "\"registered_apps\":{\"resource_change\":[],\"max_resolution\":[]}"},
+  };
+  for (const Row &r : rows) {
+    const auto [status, output] = Sh(r.line);
+    EXPECT_EQ(status, r.status) << r.line << "\n" << output;
+    EXPECT_THAT(output, HasSubstr(r.output)) << r.line;
+  }
 }
 
-TEST_F(KovactlTest, MonitorPrintsEventsAsTheyArrive) {
-  const char *argv[] = {KOVACTL_PATH, "--json", "monitor", "-n", "3", "--app", "app.watch", nullptr};
+// Passive: the monitor registers nothing, and names each field as the interface does.
+TEST_F(KovactlTest, MonitorWatchesWithoutRegisteringAndNamesTheFields) {
+  const char *argv[] = {KOVACTL_PATH, "monitor", "-n", "2", "--json", "--brief", nullptr};
   g_autoptr(GSubprocess) monitor = g_subprocess_newv(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, nullptr);
   g_autoptr(GDataInputStream) out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(monitor));
-  ASSERT_EQ(Line(out), "{\"event\":\"ready\"}");
-  ASSERT_THAT(Kovactl("focus set 2"), Pair(0, "audio-focus-set result=0\n"));  // from zone 1: two focus events
-  ASSERT_THAT(Kovactl("policy internal 0"), Pair(0, "policy-internal result=0\n"));
-  EXPECT_TRUE(g_subprocess_wait_check(monitor, nullptr, nullptr));  // -n 3: it ends after three
-  EXPECT_THAT((std::vector<std::string>{Line(out), Line(out), Line(out)}), ::testing::UnorderedElementsAre(
-      "{\"event\":\"audio-focus-changed\",\"zone\":2}", "{\"event\":\"policy-changed\",\"policy\":0,\"apps\":[]}",
-      ::testing::StartsWith("{\"event\":\"audio-focus-zone-changed\",\"zone\":2,\"scaler\":1,")));
+  ASSERT_EQ(Line(out), "{\"kind\":\"ready\"}");
+  ASSERT_EQ(Sh("kovactl focus set 2").first, 0);
+  ASSERT_EQ(Sh("kovactl policy app-zones multiview tv.app:1").first, 0);
+  EXPECT_TRUE(g_subprocess_wait_check(monitor, nullptr, nullptr));  // -n 2: it ends after two
+  EXPECT_THAT(Line(out), ::testing::MatchesRegex("\\{\"kind\":\"signal\",\"signal\":\"AudioFocusChanged\","
+                                                 "\"change_id\":\"[0-9A-F]{8}\",\"zone_id\":2,\"scaler_id\":1,"
+                                                 "\"app_id\":\"\"\\}"));
+  EXPECT_THAT(Line(out), HasSubstr("\"policy\":1,\"apps\":[{\"app\":\"tv.app\",\"zone\":1}]}"));
+}
+
+// Every command the help lists can be completed.
+TEST_F(KovactlTest, CompletionKnowsEveryCommand) {
+  std::ifstream file(KOVACTL_COMPLETION);
+  const std::string script{std::istreambuf_iterator<char>(file), {}};
+  const std::string help = Sh("kovactl --help").second;
+  const std::regex command("\n  kovactl ([a-z-]+)(?: ([a-z-]+))?");
+  int commands = 0;
+  for (std::sregex_iterator it(help.begin(), help.end(), command), end; it != end; ++it, ++commands) {
+    for (size_t i = 1; i <= 2; ++i) {
+      if ((*it)[i].matched) {
+        EXPECT_THAT(script, HasSubstr((*it)[i].str())) << (*it)[0];
+      }
+    }
+  }
+  EXPECT_GT(commands, 30);
 }
 
 }  // namespace

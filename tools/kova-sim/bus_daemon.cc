@@ -57,7 +57,9 @@ std::unique_ptr<BusDaemon> BusDaemon::Start(std::string *error) {
   // The daemon goes with us even if we are killed outright.
   auto child_setup = [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGTERM); };
   if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr,
-                                static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
+                                // Its complaints (an fd limit it may not raise) are not the user's business.
+                                static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
+                                                         G_SPAWN_STDERR_TO_DEV_NULL),
                                 child_setup, nullptr, &pid, nullptr, &out_fd, nullptr, &err)) {
     *error = std::string("cannot start dbus-daemon: ") + err->message;
     g_error_free(err);

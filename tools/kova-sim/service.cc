@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <type_traits>
 
-#include "kova_sim_introspection.h"
+#include "kova_introspection.h"
 
 namespace kova_sim {
 namespace {
@@ -96,7 +96,7 @@ Service::~Service() {
 
 bool Service::Register(GDBusConnection *connection, std::string *error) {
   GError *err = nullptr;
-  node_ = g_dbus_node_info_new_for_xml(kIntrospectionXml, &err);
+  node_ = g_dbus_node_info_new_for_xml(kova_tools::kIntrospectionXml, &err);
   if (node_ == nullptr) {
     *error = std::string("bad interface description: ") + err->message;
     g_error_free(err);
