@@ -19,6 +19,7 @@ expect() {
 libdir=lib
 [ -d "$prefix/lib" ] || libdir=$(cd "$prefix" && ls -d lib* | head -1)
 expect include/kova_api.h
+expect include/kova/kova.hpp
 expect "$libdir/libkova-api.so"
 expect "$libdir/libkova-api.so.0"
 expect "$libdir/pkgconfig/kova-api.pc"
@@ -45,11 +46,15 @@ done
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 cc -Wall -Werror -o "$tmp/consumer-pc" "$src/tests/install/consumer.c" $(pkg-config --cflags --libs kova-api)
 LD_LIBRARY_PATH=$prefix/$libdir "$tmp/consumer-pc"
+c++ -std=c++17 -Wall -Werror -o "$tmp/consumer-pc-cpp" "$src/tests/install/consumer.cpp" \
+  $(pkg-config --cflags --libs kova-api)
+LD_LIBRARY_PATH=$prefix/$libdir "$tmp/consumer-pc-cpp"
 
 # find_package consumer.
 cmake -S "$src/tests/install" -B "$tmp/consumer-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$tmp/consumer-build" >/dev/null
 "$tmp/consumer-build/consumer"
+"$tmp/consumer-build/consumer_cpp"
 
 # The installed tools, with only their bin/ on PATH.
 env="env -i PATH=$prefix/bin HOME=$tmp"

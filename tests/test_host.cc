@@ -1,16 +1,13 @@
 // What the library promises the process that loads it: an unregistration made
 // on another thread waits for the callback it ends, and a forked child fails
 // at once instead of blocking on the connection it inherited.
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <future>
-#include <iterator>
 #include <string>
 #include <thread>
 
@@ -32,13 +29,6 @@ struct Held {
   bool callback_done_at_return = false;
 };
 
-bool Sleeping(pid_t tid) {
-  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-  const std::string s{std::istreambuf_iterator<char>(stat), {}};
-  const size_t end = s.rfind(')');
-  return end != std::string::npos && end + 2 < s.size() && s[end + 2] == 'S';
-}
-
 // Stays in the callback until the unregistering thread is asleep after its
 // last line (waiting for this call to end) or has returned (a broken promise).
 void Hold(void *user_data) {
@@ -47,7 +37,7 @@ void Hold(void *user_data) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!h->returned && std::chrono::steady_clock::now() < deadline) {
     const pid_t tid = h->unregistering;
-    if (tid != 0 && doubles::CountLogPrefix(h->last_line) > 0 && Sleeping(tid)) break;
+    if (tid != 0 && doubles::CountLogPrefix(h->last_line) > 0 && Asleep(tid)) break;
     std::this_thread::yield();
   }
   h->returned_during_callback = h->returned;
@@ -107,7 +97,7 @@ TEST_F(HostTest, UnregistrationOnAnotherThreadWaitsForTheRunningCallback) {
     held.last_line = f.subscribe(&held);
     std::thread other([&] {
       if (held.entered.get_future().wait_for(std::chrono::seconds(10)) != std::future_status::ready) return;
-      held.unregistering = static_cast<pid_t>(syscall(SYS_gettid));
+      held.unregistering = ThisThread();
       f.unsubscribe();
       held.callback_done_at_return = held.callback_done;
       held.returned = true;

@@ -1,9 +1,13 @@
 #include "kova_test.h"
 
 #include <glib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 
 #include "kova_private.h"
 
@@ -67,6 +71,15 @@ void Sync(const FakeKova &service, GMainContext *ctx) {
   ASSERT_NE(r, nullptr) << (error ? error->message : "");
   g_variant_unref(r);
   Drain(ctx);
+}
+
+pid_t ThisThread() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+bool Asleep(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  const std::string s{std::istreambuf_iterator<char>(stat), {}};
+  const size_t end = s.rfind(')');
+  return end != std::string::npos && end + 2 < s.size() && s[end + 2] == 'S';
 }
 
 std::string Hex(int id) {

@@ -37,6 +37,11 @@ void Sync(const FakeKova &service, GMainContext *ctx = nullptr);
 // A command identifier as log lines print it: eight upper-case hex digits.
 std::string Hex(int id);
 
+// The calling thread's id, and whether thread tid of this process is asleep
+// (blocked: in a wait, or on a lock).
+pid_t ThisThread();
+bool Asleep(pid_t tid);
+
 class KovaTest : public ::testing::Test {
  protected:
   void SetUp() override;

@@ -1,0 +1,754 @@
+/*
+ * libkova-api for C++: a header-only layer over the C API of <kova_api.h>.
+ *
+ * C++17; needs no exceptions (it builds with -fno-exceptions): every call
+ * that can fail returns a kova::Result, holding either a value or the C
+ * API's failure code (its int result, -1 unless a function says otherwise).
+ * It uses only the exported C functions and, for service presence, GIO.
+ *
+ * Subscriptions are values. Each on_* function takes any callable (lambdas
+ * with captures included) and returns a move-only kova::Subscription. The
+ * closure lives exactly as long as the subscription; destroying (or reset())
+ * the subscription unregisters it with the C API's barrier: once that returns
+ * on a thread other than the one delivering callbacks, the callable is not
+ * running and will not start. Destroyed from inside its own callback it
+ * returns at once and the closure goes when the callback returns. The one
+ * rule: a callback must not wait for a thread that is destroying that same
+ * subscription. Callbacks run as the C API's do: on the thread that iterates
+ * the thread-default main context of the subscribing thread, while a main
+ * loop runs there. A callable must not throw: an exception escaping it ends
+ * the process (the trampolines are noexcept).
+ *
+ * After a restart of the kova service every registration with the service
+ * is forgotten (see the C header). kova::watch_service tells when the
+ * service appears and vanishes; on its return a player registers again and
+ * re-creates the per-application subscriptions (destroy, then subscribe).
+ */
+#ifndef KOVA_KOVA_HPP
+#define KOVA_KOVA_HPP
+
+#include <gio/gio.h>
+#include <kova_api.h>
+
+#include <algorithm>
+#include <climits>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace kova {
+
+// ---------------------------------------------------------------- results
+
+/* A value, or the C API's failure code. */
+template <typename T>
+class Result {
+ public:
+  Result(T value) : value_(std::move(value)) {}  // NOLINT: a value converts implicitly
+  static Result failure(int code) { return Result(code, 0); }
+  bool ok() const { return value_.has_value(); }
+  explicit operator bool() const { return ok(); }
+  /* The failure code; 0 for a value. */
+  int error() const { return ok() ? 0 : code_; }
+  /* The value; only valid when ok(). */
+  T &value() & { return *value_; }
+  const T &value() const & { return *value_; }
+  T &&value() && { return std::move(*value_); }
+  T value_or(T other) const { return ok() ? *value_ : other; }
+
+ private:
+  Result(int code, int) : code_(code) {}
+  std::optional<T> value_;
+  int code_ = 0;
+};
+
+/* Success, or the C API's failure code. */
+template <>
+class Result<void> {
+ public:
+  Result() = default;
+  static Result failure(int code) {
+    Result r;
+    r.code_ = code;
+    r.ok_ = false;
+    return r;
+  }
+  bool ok() const { return ok_; }
+  explicit operator bool() const { return ok_; }
+  int error() const { return ok_ ? 0 : code_; }
+
+ private:
+  bool ok_ = true;
+  int code_ = 0;
+};
+
+/* 0 as success, anything else as that failure. */
+inline Result<void> check(int result) { return result == 0 ? Result<void>() : Result<void>::failure(result); }
+
+// ---------------------------------------------------------- typed values
+
+/* The header's values; any other int of the service converts too. */
+enum class AudioOut : int { Main = KOVA_AUDIO_OUT_MAIN };
+enum class PlayerAudioOut : int {
+  None = KOVA_PLAYER_AUDIO_OUT_NONE,
+  Main = KOVA_PLAYER_AUDIO_OUT_MAIN,
+  Sub = KOVA_PLAYER_AUDIO_OUT_SUB
+};
+enum class LayoutState : int {
+  None = KOVA_LAYOUT_STATE_NONE,
+  Single = KOVA_LAYOUT_STATE_SINGLE,
+  Multiview = KOVA_LAYOUT_STATE_MULTIVIEW,
+  Changing = KOVA_LAYOUT_STATE_CHANGING
+};
+enum class Policy : int {
+  Default = KOVA_RSC_POLICY_DEFAULT,
+  Multiview = KOVA_RSC_POLICY_MULTIVIEW,
+  Game = KOVA_RSC_POLICY_GAME
+};
+enum class Codec : int {
+  H264 = KOVA_VIDEO_CODEC_H264,
+  Hevc = KOVA_VIDEO_CODEC_HEVC,
+  Vp9 = KOVA_VIDEO_CODEC_VP9,
+  Av1 = KOVA_VIDEO_CODEC_AV1
+};
+
+constexpr kova_audio_out_e to_c(AudioOut v) { return static_cast<kova_audio_out_e>(v); }
+constexpr kova_player_audio_out_e to_c(PlayerAudioOut v) { return static_cast<kova_player_audio_out_e>(v); }
+constexpr kova_layout_state_e to_c(LayoutState v) { return static_cast<kova_layout_state_e>(v); }
+constexpr kova_rsc_policy_e to_c(Policy v) { return static_cast<kova_rsc_policy_e>(v); }
+constexpr kova_video_codec_e to_c(Codec v) { return static_cast<kova_video_codec_e>(v); }
+
+// ------------------------------------------------------------ subscriptions
+
+namespace detail {
+
+/* One registration's closure, shared by the subscription and the
+ * trampolines. It counts the calls running on each thread, so that a
+ * subscription destroyed from inside its own callback leaves the closure to
+ * the trampoline, which frees it when the callable returns. */
+template <typename Fn>
+class Box {
+ public:
+  explicit Box(Fn fn) : fn_(std::move(fn)) {}
+
+  template <typename... A>
+  static void Call(void *box, A &&...args) noexcept {
+    auto *b = static_cast<Box *>(box);
+    {
+      std::lock_guard<std::mutex> lock(b->mutex_);
+      b->running_.push_back(std::this_thread::get_id());
+    }
+    b->fn_(std::forward<A>(args)...);
+    bool orphan = false;
+    {
+      std::lock_guard<std::mutex> lock(b->mutex_);
+      b->running_.erase(std::find(b->running_.begin(), b->running_.end(), std::this_thread::get_id()));
+      orphan = b->orphan_ && b->running_.empty();
+    }
+    if (orphan) delete b;
+  }
+
+  /* After the C unregistration: frees the box now, or leaves it to the call
+   * running on this thread. */
+  static void Release(Box *b) noexcept {
+    {
+      std::lock_guard<std::mutex> lock(b->mutex_);
+      if (!b->running_.empty()) {
+        b->orphan_ = true;
+        return;
+      }
+    }
+    delete b;
+  }
+
+ private:
+  Fn fn_;
+  std::mutex mutex_;
+  std::vector<std::thread::id> running_;
+  bool orphan_ = false;
+};
+
+/* What a subscription undoes: one per registration. */
+class Slot {
+ public:
+  virtual ~Slot() = default;
+};
+
+template <typename Fn>
+class BoxSlot final : public Slot {
+ public:
+  BoxSlot(Box<Fn> *box, std::function<void()> unregister) : box_(box), unregister_(std::move(unregister)) {}
+  ~BoxSlot() override {
+    unregister_();
+    Box<Fn>::Release(box_);
+  }
+
+ private:
+  Box<Fn> *box_;
+  std::function<void()> unregister_;
+};
+
+}  // namespace detail
+
+/* A registration, undone when destroyed. Move-only; a moved-from or default
+ * subscription does nothing. */
+class Subscription {
+ public:
+  Subscription() = default;
+  explicit Subscription(std::unique_ptr<detail::Slot> slot) : slot_(std::move(slot)) {}
+  Subscription(Subscription &&) noexcept = default;
+  Subscription &operator=(Subscription &&) noexcept = default;
+  Subscription(const Subscription &) = delete;
+  Subscription &operator=(const Subscription &) = delete;
+  ~Subscription() = default;
+
+  /* Unregisters now (with the barrier described above). */
+  void reset() { slot_.reset(); }
+  bool active() const { return slot_ != nullptr; }
+
+ private:
+  std::unique_ptr<detail::Slot> slot_;
+};
+
+namespace detail {
+
+template <typename Fn>
+bool empty_callable(const Fn &fn) {
+  if constexpr (std::is_constructible_v<bool, const Fn &>) {
+    return !static_cast<bool>(fn);
+  } else {
+    return false;
+  }
+}
+
+/* The families with one C subscription per registration, handle in hand. */
+template <typename Fn, typename CallbackType>
+Result<Subscription> by_handle(Fn fn, unsigned int (*reg)(CallbackType, void *), int (*unreg)(unsigned int),
+                               CallbackType trampoline, unsigned int failed) {
+  if (empty_callable(fn)) return Result<Subscription>::failure(-1);
+  auto *box = new Box<Fn>(std::move(fn));
+  const unsigned int id = reg(trampoline, box);
+  if (id == 0 || id == failed) {
+    delete box;
+    return Result<Subscription>::failure(-1);
+  }
+  return Subscription(std::make_unique<BoxSlot<Fn>>(box, [unreg, id] { unreg(id); }));
+}
+
+template <typename Fn>
+void player_trampoline(int player_id, void *box) noexcept {
+  Box<Fn>::Call(box, player_id);
+}
+
+}  // namespace detail
+
+/* Player requests: fn(int player_id) for each request of the kind. */
+template <typename Fn>
+Result<Subscription> on_video_start(Fn fn) {
+  return detail::by_handle(std::move(fn), kova_register_player_video_start_request_callback,
+                           kova_unregister_player_video_start_request_callback,
+                           &detail::player_trampoline<Fn>, UINT_MAX);
+}
+template <typename Fn>
+Result<Subscription> on_video_stop(Fn fn) {
+  return detail::by_handle(std::move(fn), kova_register_player_video_stop_request_callback,
+                           kova_unregister_player_video_stop_request_callback,
+                           &detail::player_trampoline<Fn>, UINT_MAX);
+}
+template <typename Fn>
+Result<Subscription> on_audio_start(Fn fn) {
+  return detail::by_handle(std::move(fn), kova_register_player_audio_start_request_callback,
+                           kova_unregister_player_audio_start_request_callback,
+                           &detail::player_trampoline<Fn>, UINT_MAX);
+}
+template <typename Fn>
+Result<Subscription> on_audio_stop(Fn fn) {
+  return detail::by_handle(std::move(fn), kova_register_player_audio_stop_request_callback,
+                           kova_unregister_player_audio_stop_request_callback,
+                           &detail::player_trampoline<Fn>, UINT_MAX);
+}
+template <typename Fn>
+Result<Subscription> on_audio_resync(Fn fn) {
+  return detail::by_handle(std::move(fn), kova_register_player_audio_resync_request_callback,
+                           kova_unregister_player_audio_resync_request_callback,
+                           &detail::player_trampoline<Fn>, UINT_MAX);
+}
+
+/* Audio focus changes: fn(int zone_id). */
+template <typename Fn>
+Result<Subscription> on_audio_focus_changed(Fn fn) {
+  return detail::by_handle(std::move(fn), kova_register_audio_focus_changed_callback,
+                           kova_unregister_audio_focus_changed_callback, &detail::player_trampoline<Fn>, UINT_MAX);
+}
+
+/* A zone read through its accessors; a view valid as long as its zone. */
+class Zone {
+ public:
+  explicit Zone(const kova_zone *z) : z_(z) {}
+  int id() const { return z_->id; }
+  int scaler_id() const { return z_->scaler_id; }
+  /* Empty when no application is in the zone. */
+  std::string_view app_id() const { return z_->app_id != nullptr ? z_->app_id : ""; }
+  const kova_zone *get() const { return z_; }
+
+ private:
+  const kova_zone *z_;
+};
+
+namespace detail {
+template <typename Fn>
+void zone_trampoline(kova_zone *zone, void *box) noexcept {
+  Box<Fn>::Call(box, Zone(zone));
+}
+}  // namespace detail
+
+/* Audio focus zone changes: fn(kova::Zone), the zone valid during the call. */
+template <typename Fn>
+Result<Subscription> on_audio_focus_zone_changed(Fn fn) {
+  return detail::by_handle(std::move(fn), kova_subscribe_audio_focus_zone_changed,
+                           kova_unsubscribe_audio_focus_zone_changed, &detail::zone_trampoline<Fn>, 0u);
+}
+
+/* A policy change as its callback sees it: valid during the call. */
+struct PolicyChange {
+  int policy;
+  struct App {
+    int zone_id;
+    std::string_view app_id;
+  };
+  std::vector<App> apps;
+};
+
+namespace detail {
+template <typename Fn>
+void policy_trampoline(kova_policy_info *info, void *box) noexcept {
+  PolicyChange change{kova_policy_info_get_policy(info), {}};
+  kova_app_list_h list = kova_policy_info_get_app_list(info);
+  const int count = kova_app_list_get_count(list);
+  for (int i = 0; i < count; ++i) {  // by the count: no error line past the last
+    kova_app *app = i == 0 ? kova_app_list_get_first(list) : kova_app_list_get_next(list);
+    change.apps.push_back({kova_app_get_zone_id(app), kova_app_get_app_id(app)});
+  }
+  Box<Fn>::Call(box, static_cast<const PolicyChange &>(change));
+}
+}  // namespace detail
+
+/* Policy changes: fn(const kova::PolicyChange &). */
+template <typename Fn>
+Result<Subscription> on_policy_changed(Fn fn) {
+  return detail::by_handle(std::move(fn), kova_register_resource_policy_changed_callback,
+                           kova_unregister_resource_policy_changed_callback, &detail::policy_trampoline<Fn>,
+                           UINT_MAX);
+}
+
+namespace detail {
+
+/* The per-application registries: one callback per application id. */
+template <typename Fn, typename CallbackType>
+Result<Subscription> by_app(const std::string &app_id, Fn fn, int (*reg)(const char *, CallbackType, void *),
+                            int (*unreg)(const char *, CallbackType), CallbackType trampoline) {
+  if (empty_callable(fn)) return Result<Subscription>::failure(-1);
+  auto *box = new Box<Fn>(std::move(fn));
+  const int r = reg(app_id.c_str(), trampoline, box);
+  if (r != 0) {
+    delete box;
+    return Result<Subscription>::failure(r);
+  }
+  return Subscription(
+      std::make_unique<BoxSlot<Fn>>(box, [unreg, app_id, trampoline] { unreg(app_id.c_str(), trampoline); }));
+}
+
+template <typename Fn>
+void resource_trampoline(const char *app_id, kova_resource *r, void *box) noexcept {
+  Box<Fn>::Call(box, std::string_view(app_id), static_cast<const kova_resource &>(*r));
+}
+template <typename Fn>
+void max_resolution_trampoline(const char *app_id, int width, int height, int framerate, void *box) noexcept {
+  Box<Fn>::Call(box, std::string_view(app_id), width, height, framerate);
+}
+
+}  // namespace detail
+
+/* Resource changes of app_id: fn(std::string_view app_id, const kova_resource &).
+ * One subscription per application id (the C registry's rule). */
+template <typename Fn>
+Result<Subscription> on_resource_changed(const std::string &app_id, Fn fn) {
+  return detail::by_app(app_id, std::move(fn), kova_register_resource_change_callback,
+                        kova_unregister_resource_change_callback, &detail::resource_trampoline<Fn>);
+}
+
+/* Maximum-resolution changes of app_id: fn(std::string_view app_id, int width, int height, int framerate). */
+template <typename Fn>
+Result<Subscription> on_max_resolution_changed(const std::string &app_id, Fn fn) {
+  return detail::by_app(app_id, std::move(fn), kova_register_max_video_resolution_changed_callback,
+                        kova_unregister_max_video_resolution_changed_callback, &detail::max_resolution_trampoline<Fn>);
+}
+
+namespace detail {
+
+/* Best-quality switches: the C registry is keyed by the function, so every
+ * C++ subscription shares one C registration of one trampoline, made by the
+ * first. Its delivery follows the C registry's: a subscription made during a
+ * delivery is first called for the next one; one destroyed before its turn is
+ * skipped; destroying one that runs on another thread waits for it. The
+ * mutex is never held while a callable runs or the C API is called. When the
+ * last one goes, the C registration is dropped from the main context that
+ * delivers it (so that dropping it never waits for a delivery, which may be
+ * adding a subscription), unless a new one came meanwhile. */
+class BestQuality {
+ public:
+  struct Entry {
+    std::function<void(int, int, int)> fn;
+    bool active = true;
+    std::vector<std::thread::id> running;
+  };
+
+  static BestQuality &get() {
+    static BestQuality *registry = new BestQuality();  // outlives every subscription
+    return *registry;
+  }
+
+  int add(const std::shared_ptr<Entry> &entry) {
+    std::lock_guard<std::mutex> c_calls(c_mutex_);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      entries_.push_back(entry);
+      if (context_ != nullptr) return 0;
+    }
+    const int r = kova_register_best_quality_zone_switched_callback(&BestQuality::trampoline, nullptr);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (r != 0) {
+      entries_.remove(entry);
+      return r;
+    }
+    context_ = g_main_context_ref_thread_default();
+    return 0;
+  }
+
+  void remove(const std::shared_ptr<Entry> &entry) {
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> lock(mutex_);
+    entry->active = false;
+    entries_.remove(entry);
+    idle_.wait(lock, [&] {
+      return std::all_of(entry->running.begin(), entry->running.end(), [&](std::thread::id t) { return t == self; });
+    });
+    if (!entries_.empty() || context_ == nullptr || drop_scheduled_) return;
+    drop_scheduled_ = true;
+    GSource *source = g_idle_source_new();
+    g_source_set_callback(source, &BestQuality::drop, this, nullptr);
+    g_source_attach(source, context_);
+    g_source_unref(source);
+  }
+
+ private:
+  static gboolean drop(gpointer self) {
+    auto *r = static_cast<BestQuality *>(self);
+    std::lock_guard<std::mutex> c_calls(r->c_mutex_);
+    GMainContext *context = nullptr;
+    {
+      std::lock_guard<std::mutex> lock(r->mutex_);
+      r->drop_scheduled_ = false;
+      if (!r->entries_.empty()) return G_SOURCE_REMOVE;
+      context = std::exchange(r->context_, nullptr);
+    }
+    kova_unregister_best_quality_zone_switched_callback(&BestQuality::trampoline);
+    g_main_context_unref(context);
+    return G_SOURCE_REMOVE;
+  }
+
+  static void trampoline(int first, int second, int third, void *) noexcept {
+    BestQuality &r = get();
+    const std::thread::id self = std::this_thread::get_id();
+    std::vector<std::shared_ptr<Entry>> snapshot;
+    {
+      std::lock_guard<std::mutex> lock(r.mutex_);
+      snapshot.assign(r.entries_.begin(), r.entries_.end());
+    }
+    for (const std::shared_ptr<Entry> &e : snapshot) {
+      {
+        std::lock_guard<std::mutex> lock(r.mutex_);
+        if (!e->active) continue;
+        e->running.push_back(self);
+      }
+      e->fn(first, second, third);
+      std::lock_guard<std::mutex> lock(r.mutex_);
+      e->running.erase(std::find(e->running.begin(), e->running.end(), self));
+      r.idle_.notify_all();
+    }
+  }
+
+  std::mutex c_mutex_;  // serialises the C registration and its drop
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  std::list<std::shared_ptr<Entry>> entries_;
+  GMainContext *context_ = nullptr;  // delivers the C registration; null: none
+  bool drop_scheduled_ = false;
+};
+
+class BestQualitySlot final : public Slot {
+ public:
+  explicit BestQualitySlot(std::shared_ptr<BestQuality::Entry> entry) : entry_(std::move(entry)) {}
+  ~BestQualitySlot() override { BestQuality::get().remove(entry_); }
+
+ private:
+  std::shared_ptr<BestQuality::Entry> entry_;
+};
+
+}  // namespace detail
+
+/* Best-quality zone switches: fn(int first, int second, int third), the
+ * service's three integers in its order. */
+template <typename Fn>
+Result<Subscription> on_best_quality_zone_switched(Fn fn) {
+  if (detail::empty_callable(fn)) return Result<Subscription>::failure(-1);
+  auto entry = std::make_shared<detail::BestQuality::Entry>();
+  entry->fn = std::move(fn);
+  if (const int r = detail::BestQuality::get().add(entry); r != 0) return Result<Subscription>::failure(r);
+  return Subscription(std::make_unique<detail::BestQualitySlot>(std::move(entry)));
+}
+
+// ------------------------------------------------------------ service presence
+
+/* Watches the kova service's bus name: fn(bool present) when its owner
+ * appears (also at once if it is there) and when it vanishes. Uses the
+ * process's shared system-bus connection without changing it. Callbacks run
+ * on the thread-default main context of the creating thread; destroy it on
+ * that thread. */
+class Presence {
+ public:
+  Presence() = default;
+  template <typename Fn>
+  explicit Presence(Fn fn) {
+    auto *box = new std::function<void(bool)>(std::move(fn));
+    id_ = g_bus_watch_name(
+        G_BUS_TYPE_SYSTEM, "org.zelta.tv.system.resource", G_BUS_NAME_WATCHER_FLAGS_NONE,
+        [](GDBusConnection *, const gchar *, const gchar *, gpointer f) { (*static_cast<std::function<void(bool)> *>(f))(true); },
+        [](GDBusConnection *, const gchar *, gpointer f) { (*static_cast<std::function<void(bool)> *>(f))(false); },
+        box, [](gpointer f) { delete static_cast<std::function<void(bool)> *>(f); });
+  }
+  Presence(Presence &&o) noexcept : id_(std::exchange(o.id_, 0)) {}
+  Presence &operator=(Presence &&o) noexcept {
+    if (this != &o) {
+      reset();
+      id_ = std::exchange(o.id_, 0);
+    }
+    return *this;
+  }
+  Presence(const Presence &) = delete;
+  Presence &operator=(const Presence &) = delete;
+  ~Presence() { reset(); }
+  void reset() {
+    if (id_ != 0) g_bus_unwatch_name(std::exchange(id_, 0));
+  }
+
+ private:
+  guint id_ = 0;
+};
+
+/* What a player does with it: on false, nothing is registered any more; on
+ * true after a false, register the player again and re-create the
+ * per-application subscriptions (their old entries answer "already
+ * registered" until destroyed). */
+template <typename Fn>
+Presence watch_service(Fn fn) {
+  return Presence(std::move(fn));
+}
+
+// ----------------------------------------------------------------- zones
+
+/* A zone owned by the caller, freed with it. */
+class OwnedZone {
+ public:
+  explicit OwnedZone(kova_zone *z) : z_(z) {}
+  Zone operator*() const { return Zone(z_.get()); }
+  int id() const { return z_->id; }
+  int scaler_id() const { return z_->scaler_id; }
+  std::string_view app_id() const { return Zone(z_.get()).app_id(); }
+
+ private:
+  struct Free {
+    void operator()(kova_zone *z) const { kova_zone_free(z); }
+  };
+  std::unique_ptr<kova_zone, Free> z_;
+};
+
+inline Result<OwnedZone> focused_zone() {
+  kova_zone *z = nullptr;
+  const int r = kova_get_focused_zone(&z);
+  if (r != 0) return Result<OwnedZone>::failure(r);
+  return OwnedZone(z);
+}
+inline Result<OwnedZone> audio_focus_zone() {
+  kova_zone *z = nullptr;
+  const int r = kova_get_audio_focus_zone(&z);
+  if (r != 0) return Result<OwnedZone>::failure(r);
+  return OwnedZone(z);
+}
+
+/* A zone list: a range of kova::Zone in the service's order, usable in
+ * range-for as often as wanted; freed with it. */
+class ZoneList {
+ public:
+  using const_iterator = std::vector<Zone>::const_iterator;
+
+  static Result<ZoneList> fetch() { return from(kova_get_zone_list); }
+  static Result<ZoneList> fetch_multiview() { return from(kova_get_multiview_zone_list); }
+
+  const_iterator begin() const { return zones_.begin(); }
+  const_iterator end() const { return zones_.end(); }
+  size_t size() const { return zones_.size(); }
+  const Zone &operator[](size_t i) const { return zones_[i]; }
+
+ private:
+  struct Free {
+    void operator()(void *l) const { kova_free_zone_list(l); }
+  };
+  static Result<ZoneList> from(int (*get)(void **)) {
+    void *handle = nullptr;
+    const int r = get(&handle);
+    if (r != 0) return Result<ZoneList>::failure(r);
+    ZoneList list;
+    list.list_.reset(handle);
+    kova_zone *z = nullptr;
+    while (kova_get_next_zone(handle, &z) == 0) list.zones_.emplace_back(z);
+    return list;
+  }
+  std::unique_ptr<void, Free> list_;
+  std::vector<Zone> zones_;
+};
+
+// ------------------------------------------------------- application lists
+
+/* An application list built fluently: AppList().add(1, "a").add(2, "b").
+ * A refused application (an invalid id) is left out and remembered in
+ * status(). */
+class AppList {
+ public:
+  AppList() : list_(kova_app_list_create_new()) {}
+  AppList(AppList &&o) noexcept : list_(std::exchange(o.list_, nullptr)), status_(o.status_) {}
+  AppList &operator=(AppList &&o) noexcept {
+    if (this != &o) {
+      free();
+      list_ = std::exchange(o.list_, nullptr);
+      status_ = o.status_;
+    }
+    return *this;
+  }
+  AppList(const AppList &) = delete;
+  AppList &operator=(const AppList &) = delete;
+  ~AppList() { free(); }
+
+  /* An application in a zone, priorities 0. */
+  AppList &add(int zone_id, const std::string &app_id) {
+    if (list_ == nullptr || kova_app_list_add(list_, zone_id, app_id.c_str()) == nullptr) fail();
+    return *this;
+  }
+  /* An application with its priorities, zone 0. */
+  AppList &add_priorities(const std::string &app_id, int video, int audio) {
+    kova_app *app = list_ != nullptr ? kova_app_list_create_new_app(app_id.c_str()) : nullptr;
+    if (app == nullptr) return fail();
+    kova_app_set_priority_video(app, video);
+    kova_app_set_priority_audio(app, audio);
+    kova_app_list_insert_app(list_, app);
+    return *this;
+  }
+
+  size_t size() const { return list_ != nullptr ? static_cast<size_t>(kova_app_list_get_count(list_)) : 0; }
+  Result<void> status() const { return status_; }
+  /* The C handle, still owned here (null once handed on). */
+  kova_app_list_h get() const { return list_; }
+  /* Hands the C handle over: the caller frees it. */
+  kova_app_list_h release() { return std::exchange(list_, nullptr); }
+
+ private:
+  AppList &fail() {
+    status_ = Result<void>::failure(-1);
+    return *this;
+  }
+  void free() {
+    if (list_ != nullptr) kova_app_list_free(list_);
+  }
+  kova_app_list_h list_;
+  Result<void> status_;
+};
+
+/* A policy info record, freed with it. */
+class PolicyInfo {
+ public:
+  static Result<PolicyInfo> create(const std::string &owner_name) {
+    kova_policy_info *p = kova_policy_info_create_new(owner_name.c_str());
+    if (p == nullptr) return Result<PolicyInfo>::failure(-1);
+    return PolicyInfo(p);
+  }
+  /* Attaches apps, which the record owns from then on (apps is left empty). */
+  Result<void> set_apps(AppList &&apps) {
+    const int r = kova_policy_info_set_app_list(info_.get(), apps.get());
+    if (r == 0) apps.release();
+    return check(r);
+  }
+  Result<void> set_remove_all_current_apps(bool remove_all) {
+    return check(kova_policy_info_set_option_remove_all_current_apps(info_.get(), remove_all));
+  }
+  /* Sets the resource policy on behalf of this record's owner. */
+  Result<void> apply(Policy policy) { return check(kova_set_resource_policy(static_cast<int>(policy), info_.get())); }
+  kova_policy_info *get() const { return info_.get(); }
+
+ private:
+  explicit PolicyInfo(kova_policy_info *p) : info_(p) {}
+  struct Free {
+    void operator()(kova_policy_info *p) const { kova_policy_info_free(p); }
+  };
+  std::unique_ptr<kova_policy_info, Free> info_;
+};
+
+// -------------------------------------------------------------- plain calls
+
+/* Player lifecycle: the service's results as Results. */
+inline Result<int> register_player(int player_id, int value = 0) {
+  const int r = kova_player_register(player_id, value);
+  if (r != player_id) return Result<int>::failure(-1);
+  return r;
+}
+inline Result<void> unregister_player(int player_id) { return check(kova_player_unregister(player_id)); }
+inline Result<void> request_stop(int player_id) { return check(kova_player_request_stop(player_id)); }
+inline Result<AudioOut> request_play(int player_id) {
+  kova_audio_out_e out = KOVA_AUDIO_OUT_MAIN;
+  const int r = kova_player_request_play(player_id, &out);
+  if (r != 0) return Result<AudioOut>::failure(r);
+  return static_cast<AudioOut>(out);
+}
+inline Result<PlayerAudioOut> player_audio_out(int player_id) {
+  kova_player_audio_out_e out = KOVA_PLAYER_AUDIO_OUT_NONE;
+  const int r = kova_get_player_audio_out(player_id, &out);
+  if (r != 0) return Result<PlayerAudioOut>::failure(r);
+  return static_cast<PlayerAudioOut>(out);
+}
+/* The acknowledgements return the service's integer, which may be negative. */
+inline int video_start_done(int player_id) { return kova_player_video_start_done(player_id); }
+inline int video_stop_done(int player_id) { return kova_player_video_stop_done(player_id); }
+inline int audio_start_done(int player_id) { return kova_player_audio_start_done(player_id); }
+inline int audio_stop_done(int player_id) { return kova_player_audio_stop_done(player_id); }
+
+inline Result<void> notify_layout_state(LayoutState state) { return check(kova_notify_layout_state(to_c(state))); }
+inline Result<void> set_audio_focus(int zone_id) { return check(kova_set_audio_focus(zone_id)); }
+inline Result<int> audio_focus() {
+  int focus = 0;
+  const int r = kova_get_audio_focus(&focus);
+  if (r != 0) return Result<int>::failure(r);
+  return focus;
+}
+
+}  // namespace kova
+
+#endif  // KOVA_KOVA_HPP

@@ -1,0 +1,200 @@
+// The C++ layer's own logic: ownership of closures, unregistration on
+// destruction, moves, the shared best-quality registration, ranges and
+// presence. Built as C++17 without exceptions, as a user might build it.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <future>
+#include <kova/kova.hpp>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kova_test.h"
+
+static_assert(!std::is_copy_constructible_v<kova::Subscription>, "a subscription is not copied");
+static_assert(kova::to_c(kova::Policy::Game) == KOVA_RSC_POLICY_GAME, "enums keep the C values");
+static_assert(kova::to_c(static_cast<kova::Codec>(9)) == 9, "a value the header does not name passes through");
+
+namespace kova_test {
+namespace {
+
+using ::testing::ElementsAre;
+
+class CxxTest : public KovaTest {
+ protected:
+  void Request(int player) { Emit("PlayerVideoStart", g_variant_new("(ii)", 1, player)); }
+  void Switch(int first) { Emit("BestQualitZoneSwitched", g_variant_new("(iii)", first, 0, 0)); }
+};
+
+// The closure lives as long as its subscription; moves carry it, a moved-from one does nothing.
+TEST_F(CxxTest, ASubscriptionOwnsItsClosureAndUnregistersWhenDestroyed) {
+  auto alive = std::make_shared<int>(0);
+  std::vector<int> seen;
+  kova::Result<kova::Subscription> made = kova::on_video_start([alive, &seen](int player) { seen.push_back(player); });
+  ASSERT_TRUE(made);
+  kova::Subscription first = std::move(made).value(), second;
+  EXPECT_EQ(alive.use_count(), 2);
+  Request(1);
+  ASSERT_TRUE(WaitUntil([&] { return seen.size() == 1; }));
+  second = std::move(first);  // the registration moves, not the closure
+  EXPECT_FALSE(first.active());
+  first.reset();
+  Request(2);
+  ASSERT_TRUE(WaitUntil([&] { return seen.size() == 2; }));
+  second = kova::on_video_start([](int) {}).value();  // assigning over it unregisters the old one
+  Drain();
+  EXPECT_EQ(alive.use_count(), 1);
+  Request(3);
+  Sync();
+  EXPECT_THAT(seen, ElementsAre(1, 2));
+  EXPECT_FALSE(kova::on_video_start(std::function<void(int)>()));  // an empty callable is refused
+}
+
+// Destroyed from inside its own callback: it returns at once, the closure goes when the call returns.
+TEST_F(CxxTest, ASubscriptionDestroyedInItsOwnCallbackKeepsTheClosureUntilTheCallReturns) {
+  for (bool best_quality : {false, true}) {
+    SCOPED_TRACE(best_quality ? "best quality" : "video start");
+    kova::Subscription sub;
+    auto alive = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = alive;
+    int calls = 0;
+    auto body = [alive = std::move(alive), &sub, &calls, watch] {
+      ++calls;
+      sub.reset();
+      EXPECT_FALSE(watch.expired());  // still inside: the closure must be there
+    };
+    sub = best_quality ? kova::on_best_quality_zone_switched([b = std::move(body)](int, int, int) { b(); }).value()
+                       : kova::on_video_start([b = std::move(body)](int) { b(); }).value();
+    best_quality ? Switch(1) : Request(1);
+    ASSERT_TRUE(WaitUntil([&] { return watch.expired(); }));
+    best_quality ? Switch(2) : Request(2);
+    Sync();
+    EXPECT_EQ(calls, 1);
+  }
+}
+
+// All best-quality subscriptions share one C registration, made by the first and dropped after the last; a
+// subscription made during a delivery is first called for the next one, one destroyed before its turn is skipped.
+TEST_F(CxxTest, BestQualitySubscriptionsShareOneRegistrationAndKeepTheDeliveryRules) {
+  std::vector<std::string> seen;
+  kova::Subscription a, b, c;
+  a = kova::on_best_quality_zone_switched([&](int first, int, int) {
+        seen.push_back("a" + std::to_string(first));
+        if (first == 1) {
+          b.reset();
+          c = kova::on_best_quality_zone_switched([&](int f, int, int) { seen.push_back("c" + std::to_string(f)); })
+                  .value();
+        }
+      }).value();
+  b = kova::on_best_quality_zone_switched([&](int first, int, int) { seen.push_back("b" + std::to_string(first)); })
+          .value();
+  Switch(1);
+  ASSERT_TRUE(WaitUntil([&] { return !seen.empty(); }));
+  Switch(2);
+  ASSERT_TRUE(WaitUntil([&] { return seen.size() == 3; }));
+  EXPECT_THAT(seen, ElementsAre("a1", "a2", "c2"));
+  for (kova::Subscription *s : {&a, &c}) s->reset();
+  Drain();  // the C registration goes from the main context
+  EXPECT_EQ(doubles::CountLogPrefix("subscribe best quality zone switched (", doubles::kInfo), 1);
+  EXPECT_EQ(doubles::CountLogPrefix("unsubscribe best quality zone switched (", doubles::kInfo), 1);
+}
+
+// Destroying a best-quality subscription on another thread waits for its running callable.
+TEST_F(CxxTest, BestQualityDestructionOnAnotherThreadWaitsForTheCallable) {
+  std::promise<void> entered;
+  std::atomic<pid_t> destroyer{0};
+  std::atomic<bool> destroyed{false}, destroyed_during_call{false};
+  kova::Subscription sub = kova::on_best_quality_zone_switched([&](int, int, int) {
+                             entered.set_value();
+                             // Until the destroying thread is asleep (waiting for this call) or done.
+                             while (!destroyed && !(destroyer != 0 && Asleep(destroyer))) std::this_thread::yield();
+                             destroyed_during_call = destroyed.load();
+                           }).value();
+  std::thread other([&] {
+    entered.get_future().wait();
+    destroyer = ThisThread();
+    sub.reset();
+    destroyed = true;
+  });
+  Switch(1);
+  ASSERT_TRUE(WaitUntil([&] { return destroyed.load(); }));
+  other.join();
+  EXPECT_FALSE(destroyed_during_call);
+  Drain();
+}
+
+TEST_F(CxxTest, ZoneListsAreRangesAndListsAndRecordsFreeThemselves) {
+  service().Set("GetMultiviewZoneIds", Answer::Value(g_variant_new_parsed("([(1, 10, 'a'), (2, 20, '')],)")));
+  kova::Result<kova::ZoneList> zones = kova::ZoneList::fetch();
+  ASSERT_TRUE(zones);
+  std::string text;
+  for (int pass = 0; pass < 2; ++pass) {
+    for (const kova::Zone &z : zones.value()) text += std::to_string(z.id()) + ":" + std::string(z.app_id()) + " ";
+  }
+  EXPECT_EQ(text, "1:a 2: 1:a 2: ");
+  service().Set("GetMultiviewZoneIds", Answer::Value(g_variant_new_parsed("(@a(iis) [],)")));
+  EXPECT_EQ(kova::ZoneList::fetch().error(), -1);
+
+  kova::AppList apps;
+  apps.add(1, "a").add_priorities("b", 2, 3).add(4, "\xff");
+  EXPECT_EQ(apps.size(), 2u);
+  EXPECT_EQ(apps.status().error(), -1);  // the refused one is remembered
+  kova::Result<kova::PolicyInfo> info = kova::PolicyInfo::create("owner");
+  ASSERT_TRUE(info);
+  EXPECT_TRUE(info.value().set_apps(std::move(apps)));
+  EXPECT_EQ(apps.get(), nullptr);  // moved into the record, which frees it
+  EXPECT_EQ(kova_app_list_get_count(kova_policy_info_get_app_list(info.value().get())), 2);
+  EXPECT_FALSE(kova::PolicyInfo::create("\xff"));
+}
+
+TEST_F(CxxTest, PresenceFollowsTheServiceName) {
+  std::vector<bool> seen;
+  kova::Presence presence = kova::watch_service([&](bool present) { seen.push_back(present); });
+  ASSERT_TRUE(WaitUntil([&] { return seen.size() == 1; }));
+  StopService();
+  ASSERT_TRUE(WaitUntil([&] { return seen.size() == 2; }));
+  FakeKova again(TestBus()->address());
+  ASSERT_TRUE(WaitUntil([&] { return seen.size() == 3; }));
+  EXPECT_THAT(seen, ElementsAre(true, false, true));
+}
+
+// The C++ example plays once per appearance of kova-sim: it registers again after a restart.
+TEST(CxxExample, RegistersAgainAfterTheServiceRestarts) {
+  const std::string markers = MakeTempDir("kova-cxx-markers");
+  g_setenv("PELK_ROOT", markers.c_str(), TRUE);
+  const char *sim_argv[] = {KOVA_SIM_PATH, "--marker-root", markers.c_str(), nullptr};
+  const char *example_argv[] = {KOVA_CXX_EXAMPLE, "7", "2", nullptr};
+  g_autoptr(GSubprocess) example = g_subprocess_newv(example_argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, nullptr);
+  g_autoptr(GDataInputStream) out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(example));
+  const auto until = [&](const std::string &line) {
+    std::string all;
+    for (gchar *l; (l = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr)) != nullptr; g_free(l)) {
+      all += std::string(l) + "\n";
+      if (line == l) {
+        g_free(l);
+        return true;
+      }
+    }
+    ADD_FAILURE() << "no line \"" << line << "\" in:\n" << all;
+    return false;
+  };
+  for (int run = 1; run <= 2; ++run) {
+    g_autoptr(GSubprocess) sim = g_subprocess_newv(sim_argv, G_SUBPROCESS_FLAGS_STDOUT_SILENCE, nullptr);
+    ASSERT_TRUE(until("player 7 is playing (service run " + std::to_string(run) + ")"));
+    if (run == 1) {
+      g_subprocess_send_signal(sim, SIGTERM);
+      ASSERT_TRUE(until("the service went away: waiting for it to come back"));
+    }
+    EXPECT_TRUE(g_subprocess_wait_check(run == 1 ? sim : example, nullptr, nullptr));  // the example ends after run 2
+    if (run == 2) {
+      g_subprocess_send_signal(sim, SIGTERM);
+      g_subprocess_wait(sim, nullptr, nullptr);
+    }
+  }
+  RemoveTree(markers);
+}
+
+}  // namespace
+}  // namespace kova_test
