@@ -217,21 +217,21 @@ AppSpec ParseAppSpec(const std::string &text, const char *first, const char *sec
   return spec;
 }
 
-// APP:ZONE arguments.
+// APP:ZONE arguments, all read before the list is made (a usage error leaves nothing behind).
 kova_app_list_h ZoneList(const Args &a, size_t from) {
+  std::vector<AppSpec> specs;
+  for (size_t i = from; i < a.size(); ++i) specs.push_back(ParseAppSpec(a[i], "ZONE", nullptr, true));
   kova_app_list_h list = kova_app_list_create_new();
-  for (size_t i = from; i < a.size(); ++i) {
-    const AppSpec spec = ParseAppSpec(a[i], "ZONE", nullptr, true);
-    kova_app_list_add(list, spec.a, spec.app.c_str());
-  }
+  for (const AppSpec &spec : specs) kova_app_list_add(list, spec.a, spec.app.c_str());
   return list;
 }
 
-// APP[:VIDEO[:AUDIO]] arguments.
+// APP[:VIDEO[:AUDIO]] arguments, likewise.
 kova_app_list_h PriorityList(const Args &a, size_t from) {
+  std::vector<AppSpec> specs;
+  for (size_t i = from; i < a.size(); ++i) specs.push_back(ParseAppSpec(a[i], "VIDEO", "AUDIO", false));
   kova_app_list_h list = kova_app_list_create_new();
-  for (size_t i = from; i < a.size(); ++i) {
-    const AppSpec spec = ParseAppSpec(a[i], "VIDEO", "AUDIO", false);
+  for (const AppSpec &spec : specs) {
     kova_app *app = kova_app_list_create_new_app(spec.app.c_str());
     kova_app_set_priority_video(app, spec.a);
     kova_app_set_priority_audio(app, spec.b);
