@@ -62,14 +62,18 @@ void Drain(GMainContext *ctx) {
   }
 }
 
-void Sync(const FakeKova &service, GMainContext *ctx) {
+void RoundTrip(const FakeKova &service) {
   GDBusConnection *conn = _kova_dbus_get_connection();
   ASSERT_NE(conn, nullptr);
-  GError *error = nullptr;
-  GVariant *r = g_dbus_connection_call_sync(conn, service.unique_name().c_str(), "/", "org.freedesktop.DBus.Peer",
-                                            "Ping", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) r = g_dbus_connection_call_sync(conn, service.unique_name().c_str(), "/",
+                                                      "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
+                                                      G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
   ASSERT_NE(r, nullptr) << (error ? error->message : "");
-  g_variant_unref(r);
+}
+
+void Sync(const FakeKova &service, GMainContext *ctx) {
+  RoundTrip(service);
   Drain(ctx);
 }
 

@@ -33,6 +33,8 @@ void Drain(GMainContext *ctx = nullptr);
 // library's connection; pending dispatches on ctx are then run. This is how a
 // test proves that something did not happen.
 void Sync(const FakeKova &service, GMainContext *ctx = nullptr);
+// The round trip alone, dispatching nothing.
+void RoundTrip(const FakeKova &service);
 
 // A command identifier as log lines print it: eight upper-case hex digits.
 std::string Hex(int id);
