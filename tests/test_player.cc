@@ -15,8 +15,8 @@ class PlayerTest : public KovaTest {};
 // Registration waits for readiness and fails without it, unsent; the audio out questions answer main at once.
 TEST_F(PlayerTest, OnlyRegistrationWaitsForReadinessAndTheAudioOutQuestionsAnswerMainWithoutIt) {
   EXPECT_EQ(kova_player_register(42, 7), 42);
-  EXPECT_EQ(doubles::PelkCalls().at(0).timeout_ms, 3000);
-  doubles::SetMarker("/tmp/.kova_ready", doubles::Marker::kAbsent);
+  EXPECT_EQ(doubles::PelkCalls().at(0).second, 3000);
+  doubles::SetMarker("/tmp/.kova_ready", false);
   const int next = _kova_get_command_id() + 1;  // none is spent on the registration never sent
   EXPECT_EQ(kova_player_register(42, 7), -1);
   EXPECT_TRUE(doubles::HasLog("Kova is not ready", doubles::kError));
@@ -25,7 +25,7 @@ TEST_F(PlayerTest, OnlyRegistrationWaitsForReadinessAndTheAudioOutQuestionsAnswe
   EXPECT_EQ(kova_get_extspk_info_audio_out("bar", &speaker), 0);
   EXPECT_EQ(play + speaker, 2 * KOVA_AUDIO_OUT_MAIN);
   EXPECT_TRUE(doubles::HasLog("[" + Hex(next) + "] kova is not ready, return main audio out", doubles::kInfo));
-  EXPECT_EQ(doubles::PelkCalls().back().timeout_ms, 0);
+  EXPECT_EQ(doubles::PelkCalls().back().second, 0);
   Sync();
   EXPECT_EQ(service().CallCount(), 1u);
 }
@@ -35,7 +35,7 @@ TEST_F(PlayerTest, AudioOutAsksTheResourceManagerInNormalModeAndTheServiceOtherw
   kova_player_audio_out_e out = KOVA_PLAYER_AUDIO_OUT_NONE;
   EXPECT_EQ(kova_get_player_audio_out(6, &out), 0);
   EXPECT_EQ(out, KOVA_PLAYER_AUDIO_OUT_MAIN);
-  doubles::SetMarker("/tmp/.rsc_policy_activated", doubles::Marker::kPresent);
+  doubles::SetMarker("/tmp/.rsc_policy_activated", true);
   service().SetInt("GetPlayerAudioOut", 2);
   EXPECT_EQ(kova_get_player_audio_out(6, &out), 0);
   EXPECT_EQ(out, KOVA_PLAYER_AUDIO_OUT_SUB);

@@ -181,7 +181,7 @@ TEST_F(RefusalTest, EveryRefusalAnswersItsResultWithOneLineAndSendsNothing) {
                                                             "app list is already set"}));
   kova_policy_info_free(info);
   // In policy mode a refused capable-category lookup answers -4.
-  doubles::SetMarker("/tmp/.rsc_policy_activated", doubles::Marker::kPresent);
+  doubles::SetMarker("/tmp/.rsc_policy_activated", true);
   EXPECT_EQ(kova_get_capable_category_id(1, nullptr, 5), -4);
   EXPECT_EQ(doubles::Logs().back().message, "invalid param (0:5)");
   Sync();

@@ -38,11 +38,9 @@ TEST_F(QueryTest, CategoryAsksTheServiceOnlyWhenTheTableSays) {
                        Row{1012, kInterlaced | kPortrait, false},  // not one of the H.264 categories
                        Row{4009 | kOption, kHdmi, true},           // the HDMI-dedicated scaler
                        Row{4000, kHdmi, false}, Row{4009, kNone, false}}) {
-    doubles::SetMarker(kPolicyMarker, c.facts & kPolicyMode ? doubles::Marker::kPresent : doubles::Marker::kAbsent);
+    doubles::SetMarker(kPolicyMarker, c.facts & kPolicyMode);
     doubles::SetMonotonicSeconds(c.clock_sec);
-    doubles::SetH264InterlacedLimited(c.facts & kInterlaced);
-    doubles::SetH264PortraitSeamlessLimited(c.facts & kPortrait);
-    doubles::SetSupportHdmiDedicatedScaler(c.facts & kHdmi);
+    doubles::SetModel(c.facts & kHdmi, c.facts & kInterlaced, c.facts & kPortrait);
     EXPECT_EQ(kova_get_capable_category_id(7, "app.c", c.category), c.asked ? 4242 : c.category) << c.clock_sec;
   }
   const Call call = LastCall("GetCapableCatId");  // with the option bits

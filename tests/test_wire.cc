@@ -33,7 +33,7 @@ std::string Play() {
   return S(r, out);
 }
 std::string AudioOut() {
-  doubles::SetMarker("/tmp/.rsc_policy_activated", doubles::Marker::kPresent);
+  doubles::SetMarker("/tmp/.rsc_policy_activated", true);
   kova_player_audio_out_e out = static_cast<kova_player_audio_out_e>(9);
   const int r = kova_get_player_audio_out(6, &out);
   return S(r, out);

@@ -1,7 +1,6 @@
 #include "fake_kova.h"
 
 #include <chrono>
-#include <future>
 
 #include "platform_doubles.h"
 
@@ -11,24 +10,12 @@ namespace {
 // The service's interface as the library is meant to use it, loaded once.
 GDBusInterfaceInfo *ServiceInterface() {
   static GDBusInterfaceInfo *info = [] {
-    gchar *xml = nullptr;
-    GError *err = nullptr;
-    if (!g_file_get_contents(KOVA_INTERFACE_XML, &xml, nullptr, &err)) {
-      g_printerr("fake kova: %s\n", err->message);
-      g_error_free(err);
-      return static_cast<GDBusInterfaceInfo *>(nullptr);
-    }
-    GDBusNodeInfo *node = g_dbus_node_info_new_for_xml(xml, &err);
-    g_free(xml);
-    if (node == nullptr) {
-      g_printerr("fake kova: %s\n", err->message);
-      g_error_free(err);
-      return static_cast<GDBusInterfaceInfo *>(nullptr);
-    }
-    GDBusInterfaceInfo *iface = g_dbus_node_info_lookup_interface(node, kServiceInterface);
-    if (iface != nullptr) g_dbus_interface_info_ref(iface);
-    g_dbus_node_info_unref(node);
-    return iface;
+    g_autofree gchar *xml = nullptr;
+    g_autoptr(GDBusNodeInfo) node = g_file_get_contents(KOVA_INTERFACE_XML, &xml, nullptr, nullptr)
+                                        ? g_dbus_node_info_new_for_xml(xml, nullptr)
+                                        : nullptr;
+    GDBusInterfaceInfo *iface = node ? g_dbus_node_info_lookup_interface(node, kServiceInterface) : nullptr;
+    return iface ? g_dbus_interface_info_ref(iface) : nullptr;
   }();
   return info;
 }
@@ -40,123 +27,65 @@ std::string CheckAgainstInterface(const Call &call) {
   if (method == nullptr) return "no such method in the interface";
   std::string expected = "(";
   for (GDBusArgInfo **arg = method->in_args; arg && *arg; ++arg) expected += (*arg)->signature;
-  expected += ")";
-  if (expected != call.signature) return "arguments should be " + expected;
-  const bool no_reply = g_strcmp0(g_dbus_annotation_info_lookup(method->annotations,
-                                                                "org.freedesktop.DBus.Method.NoReply"),
-                                  "true") == 0;
-  if (no_reply != call.no_reply_expected) {
-    return no_reply ? "awaits a reply from a NoReply method" : "does not await the reply";
-  }
-  return "";
+  if (expected + ")" != call.signature) return "arguments should be " + expected + ")";
+  const bool no_reply =
+      g_strcmp0(g_dbus_annotation_info_lookup(method->annotations, "org.freedesktop.DBus.Method.NoReply"), "true") == 0;
+  if (no_reply == call.no_reply_expected) return "";
+  return no_reply ? "awaits a reply from a NoReply method" : "does not await the reply";
 }
 
 }  // namespace
 
 std::string Variant::text() const {
-  if (!v_) return "";
-  gchar *s = g_variant_print(v_, FALSE);
-  std::string out = s;
-  g_free(s);
-  return out;
+  g_autofree gchar *s = v_ ? g_variant_print(v_.get(), FALSE) : nullptr;
+  return s ? s : "";
 }
-
 Variant Variant::child(size_t i) const {
-  // g_variant_get_child_value gives a full reference: adopt it, do not add one.
-  Variant c;
-  c.v_ = g_variant_get_child_value(v_, i);
+  Variant c(g_variant_get_child_value(v_.get(), i));
+  g_variant_unref(c.get());  // get_child_value gave a full reference, which the sink took over
   return c;
 }
 int Variant::i32(size_t i) const { return g_variant_get_int32(child(i).get()); }
 unsigned int Variant::u32(size_t i) const { return g_variant_get_uint32(child(i).get()); }
 std::string Variant::str(size_t i) const { return g_variant_get_string(child(i).get(), nullptr); }
 
-Answer Answer::Value(GVariant *v) {
-  Answer a;
-  a.kind = Kind::kValue;
-  a.value = Variant(v);
-  return a;
-}
-Answer Answer::Int(int v) { return Value(g_variant_new("(i)", v)); }
-Answer Answer::Error(const std::string &name, const std::string &message) {
-  Answer a;
-  a.kind = Kind::kError;
-  a.error_name = name;
-  a.error_message = message;
-  return a;
-}
-
-FakeKova::FakeKova(const std::string &address) : address_(address) {
-  context_ = g_main_context_new();
-  loop_ = g_main_loop_new(context_, FALSE);
-  std::promise<void> ready;
-  std::future<void> started = ready.get_future();
-  thread_ = std::thread([this, &ready] {
-    g_main_context_push_thread_default(context_);
-    GError *err = nullptr;
-    connection_ = g_dbus_connection_new_for_address_sync(
-        address_.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &err);
-    if (connection_ == nullptr) {
-      error_ = err ? err->message : "connect failed";
-      g_clear_error(&err);
-    } else {
-      g_dbus_connection_set_exit_on_close(connection_, FALSE);
-      filter_id_ = g_dbus_connection_add_filter(connection_, &FakeKova::Filter, this, nullptr);
-      GVariant *r = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                "org.freedesktop.DBus", "RequestName",
-                                                g_variant_new("(su)", kServiceName, 4u /* DO_NOT_QUEUE */),
-                                                G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &err);
-      if (r == nullptr) {
-        error_ = err ? err->message : "RequestName failed";
-        g_clear_error(&err);
-      } else {
-        guint32 result = 0;
-        g_variant_get(r, "(u)", &result);
-        g_variant_unref(r);
-        owns_name_ = result == 1;  // primary owner
-        if (!owns_name_) error_ = "service name already owned";
-      }
-    }
-    ready.set_value();
-    g_main_loop_run(loop_);
-    g_main_context_pop_thread_default(context_);
-  });
-  started.wait();
+FakeKova::FakeKova(const std::string &address) {
+  GError *err = nullptr;
+  connection_ = g_dbus_connection_new_for_address_sync(
+      address.c_str(),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, &err);
+  GVariant *r = nullptr;
+  if (connection_ != nullptr) {
+    g_dbus_connection_set_exit_on_close(connection_, FALSE);
+    filter_id_ = g_dbus_connection_add_filter(connection_, &FakeKova::Filter, this, nullptr);
+    r = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                    "org.freedesktop.DBus", "RequestName",
+                                    g_variant_new("(su)", kServiceName, 4u /* DO_NOT_QUEUE */), G_VARIANT_TYPE("(u)"),
+                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &err);
+  }
+  if (r == nullptr) {
+    error_ = err ? err->message : "no connection";
+    g_clear_error(&err);
+    return;
+  }
+  guint32 result = 0;
+  g_variant_get(r, "(u)", &result);
+  g_variant_unref(r);
+  owns_name_ = result == 1;  // primary owner
+  if (!owns_name_) error_ = "service name already owned";
 }
 
 FakeKova::~FakeKova() {
   for (auto &held : held_) g_object_unref(held.first);  // never answered
-  if (connection_ != nullptr) {
-    g_dbus_connection_remove_filter(connection_, filter_id_);
-    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
-  }
-  // Quit from inside the loop: a quit that came before the thread entered
-  // g_main_loop_run would be lost.
-  GSource *quit = g_idle_source_new();
-  g_source_set_callback(
-      quit,
-      [](gpointer loop) -> gboolean {
-        g_main_loop_quit(static_cast<GMainLoop *>(loop));
-        return G_SOURCE_REMOVE;
-      },
-      loop_, nullptr);
-  g_source_attach(quit, context_);
-  g_source_unref(quit);
-  thread_.join();
-  if (connection_ != nullptr) g_object_unref(connection_);
-  // Let the context run what closing the connection queued on it.
-  while (g_main_context_iteration(context_, FALSE)) {
-  }
-  g_main_loop_unref(loop_);
-  g_main_context_unref(context_);
+  if (connection_ == nullptr) return;
+  g_dbus_connection_remove_filter(connection_, filter_id_);
+  g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+  g_object_unref(connection_);
 }
 
-std::string FakeKova::unique_name() const {
-  return connection_ ? g_dbus_connection_get_unique_name(connection_) : "";
-}
+std::string FakeKova::unique_name() const { return connection_ ? g_dbus_connection_get_unique_name(connection_) : ""; }
 
 void FakeKova::Set(const std::string &method, Answer answer) {
   SetHandler(method, [answer](const Call &) { return answer; });
@@ -180,7 +109,7 @@ void FakeKova::ReleaseHeld() {
     held.swap(held_);
   }
   for (auto &[message, answer] : held) {
-    Answer_(message, answer);
+    Reply(message, answer);
     g_object_unref(message);
   }
 }
@@ -198,11 +127,6 @@ std::vector<Call> FakeKova::CallsTo(const std::string &method) const {
   return out;
 }
 
-size_t FakeKova::CallCount() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return calls_.size();
-}
-
 std::vector<std::string> FakeKova::InterfaceViolations() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return violations_;
@@ -213,18 +137,9 @@ bool FakeKova::WaitForCalls(size_t n, int timeout_ms) const {
   return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return calls_.size() >= n; });
 }
 
-void FakeKova::Emit(const std::string &signal, GVariant *params) {
-  EmitOnPath(kServicePath, kServiceInterface, signal, params);
-}
-
 void FakeKova::EmitOnPath(const std::string &path, const std::string &interface, const std::string &signal,
                           GVariant *params) {
-  GError *err = nullptr;
-  if (!g_dbus_connection_emit_signal(connection_, nullptr, path.c_str(), interface.c_str(), signal.c_str(), params,
-                                     &err)) {
-    g_printerr("fake kova: cannot emit %s: %s\n", signal.c_str(), err ? err->message : "?");
-    g_clear_error(&err);
-  }
+  g_dbus_connection_emit_signal(connection_, nullptr, path.c_str(), interface.c_str(), signal.c_str(), params, nullptr);
   g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
 }
 
@@ -236,60 +151,42 @@ GDBusMessage *FakeKova::Filter(GDBusConnection *, GDBusMessage *message, gboolea
       g_strcmp0(g_dbus_message_get_interface(message), kServiceInterface) != 0) {
     return message;
   }
-  Call call;
-  call.method = g_dbus_message_get_member(message) ? g_dbus_message_get_member(message) : "";
-  call.path = g_dbus_message_get_path(message) ? g_dbus_message_get_path(message) : "";
-  const char *sig = g_dbus_message_get_signature(message);
-  call.signature = std::string("(") + (sig ? sig : "") + ")";
   GVariant *body = g_dbus_message_get_body(message);
-  call.args = Variant(body != nullptr ? body : g_variant_new("()"));  // Variant takes its own reference
-  call.no_reply_expected = (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0;
-  call.sender = g_dbus_message_get_sender(message) ? g_dbus_message_get_sender(message) : "";
+  const char *member = g_dbus_message_get_member(message);
+  Call call{member ? member : "", std::string("(") + g_dbus_message_get_signature(message) + ")",
+            Variant(body != nullptr ? g_variant_ref(body) : g_variant_new("()")),
+            (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0};
+  if (body != nullptr) g_variant_unref(body);  // Variant sank its own reference
   doubles::Note("call " + call.method);
-
   Handler handler;
   {
     std::lock_guard<std::mutex> lock(self->mutex_);
     self->calls_.push_back(call);
-    std::string violation = CheckAgainstInterface(call);
+    const std::string violation = CheckAgainstInterface(call);
     if (!violation.empty()) self->violations_.push_back(call.method + call.signature + ": " + violation);
-    auto it = self->handlers_.find(call.method);
-    if (it != self->handlers_.end()) handler = it->second;
+    if (auto it = self->handlers_.find(call.method); it != self->handlers_.end()) handler = it->second;
   }
   self->cv_.notify_all();
-  Answer answer = handler ? handler(call) : Answer();
+  const Answer answer = handler ? handler(call) : Answer();
   if (!call.no_reply_expected) {
     std::unique_lock<std::mutex> lock(self->mutex_);
     if (self->held_methods_.count(call.method) != 0) {
       self->held_.emplace_back(static_cast<GDBusMessage *>(g_object_ref(message)), answer);
     } else {
       lock.unlock();
-      self->Answer_(message, answer);
+      self->Reply(message, answer);
     }
   }
   g_object_unref(message);
   return nullptr;
 }
 
-void FakeKova::Answer_(GDBusMessage *message, const Answer &answer) {
-  GDBusMessage *reply = nullptr;
-  switch (answer.kind) {
-    case Answer::Kind::kValue:
-      reply = g_dbus_message_new_method_reply(message);
-      g_dbus_message_set_body(reply, answer.value.get());  // takes its own reference
-      break;
-    case Answer::Kind::kError:
-      reply = g_dbus_message_new_method_error_literal(message, answer.error_name.c_str(),
-                                                      answer.error_message.c_str());
-      break;
-    case Answer::Kind::kUnknownMethod: {
-      const char *member = g_dbus_message_get_member(message);
-      std::string text = std::string("No such method '") + (member ? member : "") + "'";
-      reply = g_dbus_message_new_method_error_literal(message, "org.freedesktop.DBus.Error.UnknownMethod",
-                                                      text.c_str());
-      break;
-    }
-  }
+void FakeKova::Reply(GDBusMessage *message, const Answer &answer) {
+  GDBusMessage *reply = answer.value.get() != nullptr
+                            ? g_dbus_message_new_method_reply(message)
+                            : g_dbus_message_new_method_error_literal(message, answer.error_name.c_str(),
+                                                                      answer.error_message.c_str());
+  if (answer.value.get() != nullptr) g_dbus_message_set_body(reply, answer.value.get());
   g_dbus_connection_send_message(connection_, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
   g_object_unref(reply);
 }

@@ -1,6 +1,7 @@
 // A scriptable kova service for tests: owns the service's bus name on its own
-// connection and thread, records every method call it receives and answers as
-// the test scripted; emits any signal a test asks for.
+// connection, records every method call it receives (checked against the
+// interface file) and answers as the test scripted; emits any signal a test
+// asks for.
 #ifndef KOVA_TEST_FAKE_KOVA_H
 #define KOVA_TEST_FAKE_KOVA_H
 
@@ -13,7 +14,6 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace kova_test {
@@ -26,50 +26,34 @@ inline constexpr const char *kServiceInterface = "org.zelta.tv.system.resource";
 class Variant {
  public:
   Variant() = default;
-  explicit Variant(GVariant *v) : v_(v ? g_variant_ref_sink(v) : nullptr) {}
-  Variant(const Variant &o) : v_(o.v_ ? g_variant_ref(o.v_) : nullptr) {}
-  Variant(Variant &&o) noexcept : v_(o.v_) { o.v_ = nullptr; }
-  Variant &operator=(Variant o) {
-    std::swap(v_, o.v_);
-    return *this;
-  }
-  ~Variant() {
-    if (v_) g_variant_unref(v_);
-  }
-  GVariant *get() const { return v_; }
-  explicit operator bool() const { return v_ != nullptr; }
+  explicit Variant(GVariant *v) : v_(v ? g_variant_ref_sink(v) : nullptr, [](GVariant *p) { g_variant_unref(p); }) {}
+  GVariant *get() const { return v_.get(); }
   // GVariant text form without type annotations, e.g. "(65536, 7, 'app')".
   std::string text() const;
-  std::string type() const { return v_ ? g_variant_get_type_string(v_) : ""; }
-  // Child i of a tuple, and the int32 / uint32 / string value of a child.
-  Variant child(size_t i) const;
+  // The int32 / uint32 / string value of child i of a tuple.
   int i32(size_t i) const;
   unsigned int u32(size_t i) const;
   std::string str(size_t i) const;
 
  private:
-  GVariant *v_ = nullptr;
+  Variant child(size_t i) const;
+  std::shared_ptr<GVariant> v_;
 };
 
 struct Call {
   std::string method;
-  std::string path;
   std::string signature;  // of the arguments, as a tuple type, e.g. "(iii)"
   Variant args;
   bool no_reply_expected = false;
-  std::string sender;
 };
 
-// What the service answers to one call.
+// What the service answers to one call: a value, an error, or (unscripted) no such method.
 struct Answer {
-  enum class Kind { kValue, kError, kUnknownMethod } kind = Kind::kUnknownMethod;
   Variant value;
-  std::string error_name;
-  std::string error_message;
-
-  static Answer Value(GVariant *v);
-  static Answer Int(int v);
-  static Answer Error(const std::string &name, const std::string &message);
+  std::string error_name = "org.freedesktop.DBus.Error.UnknownMethod", error_message = "no such method";
+  static Answer Value(GVariant *v) { return Answer{Variant(v), "", ""}; }
+  static Answer Int(int v) { return Value(g_variant_new("(i)", v)); }
+  static Answer Error(const std::string &name, const std::string &message) { return Answer{Variant(), name, message}; }
 };
 
 class FakeKova {
@@ -82,7 +66,7 @@ class FakeKova {
   FakeKova(const FakeKova &) = delete;
   FakeKova &operator=(const FakeKova &) = delete;
 
-  bool ok() const { return connection_ != nullptr && owns_name_; }
+  bool ok() const { return owns_name_; }
   const std::string &error() const { return error_; }
   GDBusConnection *connection() const { return connection_; }
   std::string unique_name() const;
@@ -93,41 +77,31 @@ class FakeKova {
   void SetHandler(const std::string &method, Handler handler);
 
   // Calls to method are recorded but their answers are held back until
-  // ReleaseHeld(), so that a test can act while the caller waits for the
-  // service (a handler must not block: it runs on GDBus's shared worker).
+  // ReleaseHeld(), so that a test can act while the caller waits.
   void Hold(const std::string &method);
-  // Sends the held answers (as scripted when each call arrived) and stops
-  // holding.
   void ReleaseHeld();
 
   std::vector<Call> Calls() const;
   std::vector<Call> CallsTo(const std::string &method) const;
-  size_t CallCount() const;
-  // Waits (on a condition variable, not the main loop) until at least n calls
-  // were received.
+  size_t CallCount() const { return Calls().size(); }
+  // Waits (on a condition variable) until at least n calls were received.
   bool WaitForCalls(size_t n, int timeout_ms = 5000) const;
 
-  // Calls that do not match the service's interface file: an unknown method,
-  // other argument types, or a reply awaited against the NoReply annotation
-  // (or not awaited without it). One "Method(signature): reason" each.
+  // Calls that do not match the interface file: an unknown method, other
+  // argument types, or a reply awaited against the NoReply annotation (or not
+  // awaited without it). One "Method(signature): reason" each.
   std::vector<std::string> InterfaceViolations() const;
 
-  // Emits a signal of the service's interface and object path from the
-  // service's connection; params is sunk.
-  void Emit(const std::string &signal, GVariant *params);
+  // Emits a signal (params is sunk) from the service's connection.
+  void Emit(const std::string &signal, GVariant *params) { EmitOnPath(kServicePath, kServiceInterface, signal, params); }
   void EmitOnPath(const std::string &path, const std::string &interface, const std::string &signal,
                   GVariant *params);
 
  private:
   static GDBusMessage *Filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self);
-  void Run();
-  void Answer_(GDBusMessage *message, const Answer &answer);
+  void Reply(GDBusMessage *message, const Answer &answer);
 
-  std::string address_;
   std::string error_;
-  GMainContext *context_ = nullptr;
-  GMainLoop *loop_ = nullptr;
-  std::thread thread_;
   GDBusConnection *connection_ = nullptr;
   bool owns_name_ = false;
   guint filter_id_ = 0;

@@ -14,24 +14,17 @@
 namespace doubles {
 namespace {
 
-struct MarkerState {
-  Marker state = Marker::kAbsent;
-  int after_ms = 0;
-};
-
 struct State {
   std::mutex mutex;
   std::vector<LogLine> logs;
-  std::map<std::string, MarkerState> markers;
-  std::vector<PelkCall> pelk_calls;
+  std::map<std::string, bool> markers;
+  std::vector<std::pair<std::string, int>> pelk_calls;
   std::vector<std::string> timeline;
   int mask = 1;
   std::vector<int> audio_out_queries;
   int option_mask = 0;
   std::map<Predicate, std::set<int>> categories;
-  bool support_hdmi = false;
-  bool h264_interlaced = false;
-  bool h264_portrait = false;
+  bool model[3] = {};  // HDMI-dedicated scaler, H.264 interlaced limited, H.264 portrait limited
 };
 
 std::atomic<long> monotonic_seconds{-1};  // -1: the real clock
@@ -41,49 +34,32 @@ State &state() {
   return *s;
 }
 
-bool verbose() {
-  static const bool v = std::getenv("KOVA_TEST_VERBOSE") != nullptr;
-  return v;
-}
-
-bool has_category(Predicate p, int category) {
-  State &s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return s.categories[p].count(category) != 0;
-}
-
-bool model_flag(bool State::*flag) {
-  State &s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return s.*flag;
+// Runs f on the state under its lock and returns what it returns.
+template <typename F>
+auto Locked(F f) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return f(state());
 }
 
 }  // namespace
 
 void Reset() {
-  State &s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.logs.clear();
-  s.markers.clear();
-  s.markers["/tmp/.kova_ready"] = {Marker::kPresent, 0};
-  s.markers["/tmp/.rsc_policy_activated"] = {Marker::kAbsent, 0};
-  s.pelk_calls.clear();
-  s.timeline.clear();
-  s.mask = 1;
-  s.audio_out_queries.clear();
-  s.option_mask = 0;
-  s.categories.clear();
-  s.support_hdmi = false;
-  s.h264_interlaced = false;
-  s.h264_portrait = false;
+  Locked([](State &s) {
+    s.logs.clear();
+    s.markers = {{"/tmp/.kova_ready", true}, {"/tmp/.rsc_policy_activated", false}};
+    s.pelk_calls.clear();
+    s.timeline.clear();
+    s.mask = 1;
+    s.audio_out_queries.clear();
+    s.option_mask = 0;
+    s.categories.clear();
+    s.model[0] = s.model[1] = s.model[2] = false;
+  });
   monotonic_seconds = -1;
 }
 
-void SetMonotonicSeconds(long seconds) { monotonic_seconds = seconds; }
-
 std::vector<LogLine> Logs() {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  return state().logs;
+  return Locked([](State &s) { return s.logs; });
 }
 
 std::vector<std::string> Messages() {
@@ -92,181 +68,127 @@ std::vector<std::string> Messages() {
   return out;
 }
 
+int CountLogPrefix(const std::string &prefix, int priority) {
+  int n = 0;
+  for (const LogLine &line : Logs()) n += line.message.rfind(prefix, 0) == 0 && (priority == 0 || line.priority == priority);
+  return n;
+}
+
 int CountLog(const std::string &message, int priority) {
   int n = 0;
-  for (const LogLine &line : Logs()) {
-    if (line.message == message && (priority == 0 || line.priority == priority)) ++n;
-  }
+  for (const LogLine &line : Logs()) n += line.message == message && (priority == 0 || line.priority == priority);
   return n;
 }
 
 bool HasLog(const std::string &message, int priority) { return CountLog(message, priority) > 0; }
 
-int CountLogPrefix(const std::string &prefix, int priority) {
-  int n = 0;
-  for (const LogLine &line : Logs()) {
-    if (line.message.rfind(prefix, 0) == 0 && (priority == 0 || line.priority == priority)) ++n;
-  }
-  return n;
+void SetMarker(const std::string &path, bool present) {
+  Locked([&](State &s) { return s.markers[path] = present; });
 }
-
-void SetMarker(const std::string &path, Marker marker, int after_ms) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().markers[path] = {marker, after_ms};
+std::vector<std::pair<std::string, int>> PelkCalls() {
+  return Locked([](State &s) { return s.pelk_calls; });
 }
-
-std::vector<PelkCall> PelkCalls() {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  return state().pelk_calls;
-}
-
 void Note(const std::string &event) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().timeline.push_back(event);
+  Locked([&](State &s) { s.timeline.push_back(event); });
 }
-
 std::vector<std::string> Timeline() {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  return state().timeline;
+  return Locked([](State &s) { return s.timeline; });
 }
-
 void SetActiveAudioOutMask(int mask) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().mask = mask;
+  Locked([&](State &s) { return s.mask = mask; });
 }
-
 std::vector<int> AudioOutQueries() {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  return state().audio_out_queries;
+  return Locked([](State &s) { return s.audio_out_queries; });
 }
-
 void SetOptionMask(int mask) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().option_mask = mask;
+  Locked([&](State &s) { return s.option_mask = mask; });
 }
-
 void SetCategories(Predicate predicate, std::set<int> categories) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().categories[predicate] = std::move(categories);
+  Locked([&](State &s) { s.categories[predicate] = std::move(categories); });
 }
-
-void SetSupportHdmiDedicatedScaler(bool value) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().support_hdmi = value;
+void SetModel(bool hdmi, bool interlaced, bool portrait) {
+  Locked([&](State &s) {
+    s.model[0] = hdmi;
+    s.model[1] = interlaced;
+    s.model[2] = portrait;
+  });
 }
-
-void SetH264InterlacedLimited(bool value) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().h264_interlaced = value;
-}
-
-void SetH264PortraitSeamlessLimited(bool value) {
-  std::lock_guard<std::mutex> lock(state().mutex);
-  state().h264_portrait = value;
-}
+void SetMonotonicSeconds(long seconds) { monotonic_seconds = seconds; }
 
 }  // namespace doubles
 
+using doubles::Locked;
 using doubles::Predicate;
+using doubles::State;
 
 // The platform interfaces, exported from the test executable so that they take
 // precedence over the stand-in libraries for libkova-api.
-extern "C" {
+#define KOVA_DOUBLE extern "C" __attribute__((visibility("default")))
 
-__attribute__((visibility("default"))) int __marlo_print(int buffer_id, int priority, const char *tag,
-                                                          const char *fmt, ...) {
+KOVA_DOUBLE int __marlo_print(int buffer_id, int priority, const char *tag, const char *fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
   char *text = nullptr;
-  int n = vasprintf(&text, fmt, ap);
+  const int n = vasprintf(&text, fmt, ap);
   va_end(ap);
   if (n < 0) return n;
-  doubles::LogLine line;
-  line.buffer = buffer_id;
-  line.priority = priority;
-  line.tag = tag ? tag : "";
-  line.text = text;
+  doubles::LogLine line{buffer_id, priority, tag ? tag : "", text, ""};
   std::free(text);
-  std::string::size_type gt = line.text.find(") > ");
+  const size_t gt = line.text.find(") > ");
   line.message = gt == std::string::npos ? line.text : line.text.substr(gt + 4);
-  if (doubles::verbose()) std::fprintf(stderr, "[log %d] %s\n", priority, line.text.c_str());
-  std::lock_guard<std::mutex> lock(doubles::state().mutex);
-  doubles::state().logs.push_back(std::move(line));
+  if (std::getenv("KOVA_TEST_VERBOSE") != nullptr) std::fprintf(stderr, "[log %d] %s\n", priority, line.text.c_str());
+  Locked([&](State &s) { s.logs.push_back(std::move(line)); });
   return n;
 }
 
-__attribute__((visibility("default"))) int PelkWaitEvent(const char *event_path, int timeout_ms) {
-  doubles::State &s = doubles::state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  std::string path = event_path ? event_path : "";
-  s.pelk_calls.push_back({path, timeout_ms});
-  auto it = s.markers.find(path);
-  if (it == s.markers.end()) return 1;
-  switch (it->second.state) {
-    case doubles::Marker::kPresent:
-      return 0;
-    case doubles::Marker::kAbsent:
-      return 1;
-    case doubles::Marker::kPresentAfter:
-      return timeout_ms >= it->second.after_ms ? 0 : 1;
+KOVA_DOUBLE int PelkWaitEvent(const char *event_path, int timeout_ms) {
+  return Locked([&](State &s) {
+    s.pelk_calls.emplace_back(event_path ? event_path : "", timeout_ms);
+    return s.markers[event_path ? event_path : ""] ? 0 : 1;
+  });
+}
+
+KOVA_DOUBLE int resource_set_cpu_inheritance(int tid, const char *process, int timeout_ms) {
+  doubles::Note("set " + std::to_string(tid) + " " + (process ? process : "") + " " + std::to_string(timeout_ms));
+  return 0;
+}
+
+KOVA_DOUBLE int resource_clear_cpu_inheritance(int tid, const char *process) {
+  doubles::Note("clear " + std::to_string(tid) + " " + (process ? process : ""));
+  return 0;
+}
+
+KOVA_DOUBLE int brask_get_active_audio_out(int player_id) {
+  return Locked([&](State &s) {
+    s.audio_out_queries.push_back(player_id);
+    return s.mask;
+  });
+}
+
+KOVA_DOUBLE int brask_unmask_category_options(int category) {
+  return Locked([&](State &s) { return category & ~s.option_mask; });
+}
+
+#define KOVA_CATEGORY(function, predicate)                                            \
+  KOVA_DOUBLE bool function(int category) {                                          \
+    return Locked([&](State &s) { return s.categories[predicate].count(category) != 0; }); \
   }
-  return 1;
-}
+KOVA_CATEGORY(ostel_is_video_decoder_category, Predicate::kVideoDecoder)
+KOVA_CATEGORY(ostel_is_audio_decoder_category, Predicate::kAudioDecoder)
+KOVA_CATEGORY(ostel_is_audio_out_category, Predicate::kAudioOut)
+KOVA_CATEGORY(ostel_is_video_scaler_category, Predicate::kVideoScaler)
+KOVA_CATEGORY(ostel_is_mjpeg_decoder_category, Predicate::kMjpegDecoder)
+KOVA_CATEGORY(ostel_is_hdmi_dedicated_scaler_category, Predicate::kHdmiDedicatedScaler)
 
-__attribute__((visibility("default"))) int resource_set_cpu_inheritance(int source_tid, const char *dest_process,
-                                                                         int timeout_ms) {
-  doubles::Note("set " + std::to_string(source_tid) + " " + (dest_process ? dest_process : "") + " " +
-                std::to_string(timeout_ms));
-  return 0;
-}
-
-__attribute__((visibility("default"))) int resource_clear_cpu_inheritance(int source_tid, const char *dest_process) {
-  doubles::Note("clear " + std::to_string(source_tid) + " " + (dest_process ? dest_process : ""));
-  return 0;
-}
-
-__attribute__((visibility("default"))) int brask_get_active_audio_out(int player_id) {
-  std::lock_guard<std::mutex> lock(doubles::state().mutex);
-  doubles::state().audio_out_queries.push_back(player_id);
-  return doubles::state().mask;
-}
-
-__attribute__((visibility("default"))) int brask_unmask_category_options(int category) {
-  std::lock_guard<std::mutex> lock(doubles::state().mutex);
-  return category & ~doubles::state().option_mask;
-}
-
-__attribute__((visibility("default"))) bool ostel_is_video_decoder_category(int category) {
-  return doubles::has_category(Predicate::kVideoDecoder, category);
-}
-__attribute__((visibility("default"))) bool ostel_is_audio_decoder_category(int category) {
-  return doubles::has_category(Predicate::kAudioDecoder, category);
-}
-__attribute__((visibility("default"))) bool ostel_is_audio_out_category(int category) {
-  return doubles::has_category(Predicate::kAudioOut, category);
-}
-__attribute__((visibility("default"))) bool ostel_is_video_scaler_category(int category) {
-  return doubles::has_category(Predicate::kVideoScaler, category);
-}
-__attribute__((visibility("default"))) bool ostel_is_mjpeg_decoder_category(int category) {
-  return doubles::has_category(Predicate::kMjpegDecoder, category);
-}
-__attribute__((visibility("default"))) bool ostel_is_hdmi_dedicated_scaler_category(int category) {
-  return doubles::has_category(Predicate::kHdmiDedicatedScaler, category);
-}
-__attribute__((visibility("default"))) bool ostel_support_hdmi_dedicated_scaler(void) {
-  return doubles::model_flag(&doubles::State::support_hdmi);
-}
-__attribute__((visibility("default"))) bool ostel_is_h264_interlaced_limited_model(void) {
-  return doubles::model_flag(&doubles::State::h264_interlaced);
-}
-__attribute__((visibility("default"))) bool ostel_is_h264_portrait_seamless_playback_limited_model(void) {
-  return doubles::model_flag(&doubles::State::h264_portrait);
-}
+#define KOVA_MODEL(function, index) \
+  KOVA_DOUBLE bool function(void) { return Locked([](State &s) { return s.model[index]; }); }
+KOVA_MODEL(ostel_support_hdmi_dedicated_scaler, 0)
+KOVA_MODEL(ostel_is_h264_interlaced_limited_model, 1)
+KOVA_MODEL(ostel_is_h264_portrait_seamless_playback_limited_model, 2)
 
 // The monotonic clock as libkova-api reads it. Calls from anywhere else (GLib's
 // main loop, the tests) get the real clock.
-__attribute__((visibility("default"))) int clock_gettime(clockid_t id, struct timespec *ts) {
+KOVA_DOUBLE int clock_gettime(clockid_t id, struct timespec *ts) {
   using Clock = int (*)(clockid_t, struct timespec *);
   static const auto real = reinterpret_cast<Clock>(dlsym(RTLD_NEXT, "clock_gettime"));
   const long fake = doubles::monotonic_seconds;
@@ -278,5 +200,3 @@ __attribute__((visibility("default"))) int clock_gettime(clockid_t id, struct ti
   }
   return real(id, ts);
 }
-
-}  // extern "C"

@@ -13,27 +13,20 @@ namespace kova_test {
 class PrivateBus {
  public:
   struct Options {
-    // Where the bus listens; empty: "bus" in a new temporary directory.
-    std::string socket_path;
-    // Extra <busconfig> elements (policies, includes) added to the default,
-    // permissive configuration; with replace_policy the default policy is left out.
-    std::string extra_config;
-    bool replace_policy = false;
+    std::string socket_path;   // where it listens; empty: "bus" in its own temporary directory
+    std::string extra_config;  // <busconfig> elements added to the configuration
+    bool replace_policy = false;  // leave out the default policy, which allows everything
   };
 
-  // Starts the daemon and returns once it has printed its address (it is then
-  // accepting connections). Returns null and fills *error on failure.
+  // Starts the daemon and returns once it has printed its address (it then
+  // accepts connections); null with *error on failure. It dies with the test.
   static std::unique_ptr<PrivateBus> Start(const Options &options, std::string *error);
   static std::unique_ptr<PrivateBus> Start(std::string *error) { return Start(Options{}, error); }
-
   ~PrivateBus();
   PrivateBus(const PrivateBus &) = delete;
   PrivateBus &operator=(const PrivateBus &) = delete;
 
   const std::string &address() const { return address_; }
-  const std::string &dir() const { return dir_; }
-  pid_t pid() const { return pid_; }
-
   // Points DBUS_SYSTEM_BUS_ADDRESS (and the session address, so nothing
   // reaches the host's session bus either) at this bus.
   void ExportAsSystemBus() const;
@@ -42,13 +35,11 @@ class PrivateBus {
   PrivateBus() = default;
   pid_t pid_ = -1;
   std::string dir_;
-  bool own_dir_ = false;
   std::string address_;
 };
 
-// Makes a fresh temporary directory and returns its path.
+// A fresh temporary directory, and its removal with everything in it.
 std::string MakeTempDir(const char *prefix);
-// Removes a directory tree (tests' temporary directories only).
 void RemoveTree(const std::string &path);
 
 }  // namespace kova_test
