@@ -20,6 +20,18 @@ static_assert(kova::to_c(static_cast<kova::Codec>(9)) == 9, "a value the header 
 namespace kova_test {
 namespace {
 
+// Every family's template, instantiated as a user would (compiled, not run).
+[[maybe_unused]] void EveryFamilyCompiles() {
+  auto any = [](auto &&...) {};
+  for (auto *on : {kova::on_video_stop<decltype(any)>, kova::on_audio_stop<decltype(any)>,
+                   kova::on_audio_resync<decltype(any)>, kova::on_audio_focus_changed<decltype(any)>,
+                   kova::on_audio_focus_zone_changed<decltype(any)>, kova::on_policy_changed<decltype(any)>}) {
+    (void)on(any);
+  }
+  (void)kova::on_max_resolution_changed("a", any);
+  (void)kova::audio_focus_zone();
+}
+
 using ::testing::ElementsAre;
 
 class CxxTest : public KovaTest {

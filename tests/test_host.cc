@@ -7,8 +7,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <future>
-#include <string>
 #include <thread>
 
 #include "kova_api.h"
@@ -18,73 +18,56 @@
 namespace kova_test {
 namespace {
 
-// One delivery held inside its callback while another thread unregisters.
+// A callback held until the unregistering thread sleeps after its last line
+// before the wait (waiting for this call) or has returned (a broken promise).
 struct Held {
-  std::string last_line;  // the unregistering thread's last log line before it may wait
+  std::string last_line;
   std::promise<void> entered;
   std::atomic<pid_t> unregistering{0};
-  std::atomic<bool> returned{false};
-  std::atomic<bool> callback_done{false};
-  bool returned_during_callback = false;
-  bool callback_done_at_return = false;
+  std::atomic<bool> returned{false}, done{false};
+  bool returned_during_call = false;
 };
-
-// Stays in the callback until the unregistering thread is asleep after its
-// last line (waiting for this call to end) or has returned (a broken promise).
-void Hold(void *user_data) {
-  auto *h = static_cast<Held *>(user_data);
+void Hold(void *p) {
+  auto *h = static_cast<Held *>(p);
   h->entered.set_value();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!h->returned && std::chrono::steady_clock::now() < deadline) {
-    const pid_t tid = h->unregistering;
-    if (tid != 0 && doubles::CountLogPrefix(h->last_line) > 0 && Asleep(tid)) break;
-    std::this_thread::yield();
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+       !h->returned && std::chrono::steady_clock::now() < end; std::this_thread::yield()) {
+    if (h->unregistering != 0 && doubles::CountLogPrefix(h->last_line) > 0 && Asleep(h->unregistering)) break;
   }
-  h->returned_during_callback = h->returned;
-  h->callback_done = true;
+  h->returned_during_call = h->returned;
+  h->done = true;
 }
-
-std::string Pointer(const void *p) {
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%p", p);
-  return buf;
-}
-
-struct Family {
-  const char *kind;
-  std::function<std::string(Held *)> subscribe;  // returns the last line before the wait
-  const char *signal;
-  std::function<GVariant *()> params;
-  std::function<void()> unsubscribe;
-};
+void OnPlayer(int, void *h) { Hold(h); }
+void OnSwitch(int, int, int, void *h) { Hold(h); }
+void OnResource(const char *, kova_resource *, void *h) { Hold(h); }
 
 unsigned int g_id = 0;
-void PlayerCb(int, void *ud) { Hold(ud); }
-void SwitchedCb(int, int, int, void *ud) { Hold(ud); }
-void ResourceCb(const char *, kova_resource *, void *ud) { Hold(ud); }
-
+struct Family {
+  const char *kind, *signal, *params;
+  std::string (*subscribe)(Held *);  // the last line before the wait
+  int (*unsubscribe)();
+};
 const Family kFamilies[] = {
-    {"subscription per registration",
+    {"subscription per registration", "PlayerAudioResync", "(1, 7)",
      [](Held *h) {
-       g_id = kova_register_player_audio_resync_request_callback(PlayerCb, h);
+       g_id = kova_register_player_audio_resync_request_callback(OnPlayer, h);
        return "unsubscribe done (" + std::to_string(g_id) + ")";
      },
-     "PlayerAudioResync", [] { return g_variant_new("(ii)", 1, 7); },
-     [] { EXPECT_EQ(kova_unregister_player_audio_resync_request_callback(g_id), 0); }},
-    {"shared subscription with a list",
+     [] { return kova_unregister_player_audio_resync_request_callback(g_id); }},
+    {"shared subscription with a list", "BestQualitZoneSwitched", "(1, 2, 3)",
      [](Held *h) {
-       EXPECT_EQ(kova_register_best_quality_zone_switched_callback(SwitchedCb, h), 0);
-       return "cb (" + Pointer(reinterpret_cast<void *>(SwitchedCb)) + ") is being invoked";
+       kova_register_best_quality_zone_switched_callback(OnSwitch, h);
+       char line[64];
+       std::snprintf(line, sizeof line, "cb (%p) is being invoked", reinterpret_cast<void *>(OnSwitch));
+       return std::string(line);
      },
-     "BestQualitZoneSwitched", [] { return g_variant_new("(iii)", 1, 2, 3); },
-     [] { EXPECT_EQ(kova_unregister_best_quality_zone_switched_callback(SwitchedCb), 0); }},
-    {"per-application map",
+     [] { return kova_unregister_best_quality_zone_switched_callback(OnSwitch); }},
+    {"per-application map", "AppRscChanged", "('app.held', 1, 0, 640, 480, 30)",
      [](Held *h) {
-       EXPECT_EQ(kova_register_resource_change_callback("app.held", ResourceCb, h), 0);
+       kova_register_resource_change_callback("app.held", OnResource, h);
        return std::string("unsubscribe resource change(");
      },
-     "AppRscChanged", [] { return g_variant_new("(siiiii)", "app.held", 1, 0, 640, 480, 30); },
-     [] { EXPECT_EQ(kova_unregister_resource_change_callback("app.held", ResourceCb), 0); }},
+     [] { return kova_unregister_resource_change_callback("app.held", OnResource); }},
 };
 
 using HostTest = KovaTest;
@@ -95,18 +78,19 @@ TEST_F(HostTest, UnregistrationOnAnotherThreadWaitsForTheRunningCallback) {
     SCOPED_TRACE(f.kind);
     Held held;
     held.last_line = f.subscribe(&held);
+    bool done_at_return = false;
     std::thread other([&] {
       if (held.entered.get_future().wait_for(std::chrono::seconds(10)) != std::future_status::ready) return;
       held.unregistering = ThisThread();
-      f.unsubscribe();
-      held.callback_done_at_return = held.callback_done;
+      EXPECT_EQ(f.unsubscribe(), 0);
+      done_at_return = held.done;
       held.returned = true;
     });
-    Emit(f.signal, f.params());
-    EXPECT_TRUE(WaitUntil([&] { return held.callback_done.load(); }));
+    Emit(f.signal, g_variant_new_parsed(f.params));
+    EXPECT_TRUE(WaitUntil([&] { return held.done.load(); }));
     other.join();
-    EXPECT_FALSE(held.returned_during_callback);
-    EXPECT_TRUE(held.callback_done_at_return);
+    EXPECT_FALSE(held.returned_during_call);
+    EXPECT_TRUE(done_at_return);
   }
 }
 
@@ -114,37 +98,33 @@ TEST_F(HostTest, UnregistrationOnAnotherThreadWaitsForTheRunningCallback) {
 TEST_F(HostTest, AForkedChildFailsAtOnceWithItsOwnPid) {
   service().SetInt("SetAudioFocus", 0);
   ASSERT_EQ(kova_set_audio_focus(1), 0);
-  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(SwitchedCb, nullptr), 0);
-  ASSERT_EQ(kova_unregister_best_quality_zone_switched_callback(SwitchedCb), 0);  // the child must subscribe anew
+  ASSERT_EQ(kova_register_best_quality_zone_switched_callback(OnSwitch, nullptr), 0);
+  ASSERT_EQ(kova_unregister_best_quality_zone_switched_callback(OnSwitch), 0);  // the child must subscribe anew
   int out[2];
   ASSERT_EQ(pipe(out), 0);
   const pid_t child = fork();
   if (child == 0) {
     alarm(10);
     const auto start = std::chrono::steady_clock::now();
-    const int focus = kova_set_audio_focus(2);
-    const int bestzone = kova_register_best_quality_zone_switched_callback(SwitchedCb, nullptr);
-    const bool fast = std::chrono::steady_clock::now() - start < std::chrono::seconds(1);
-    const bool own_pid = static_cast<unsigned>(_kova_get_command_id()) >> 16 == (getpid() & 0xFFFFu);
-    const std::string report = std::to_string(focus) + " " + std::to_string(bestzone) + " fast=" +
-                               std::to_string(fast) + " own_pid=" + std::to_string(own_pid) + " logged=" +
-                               std::to_string(doubles::CountLogPrefix("no connection in pid ", doubles::kError)) +
-                               "," +
-                               std::to_string(doubles::CountLogPrefix("failed to get connection (the connection "
-                                                                      "was inherited across fork()",
-                                                                      doubles::kError));
-    (void)!write(out[1], report.data(), report.size());
+    const int focus = kova_set_audio_focus(2), bestzone = kova_register_best_quality_zone_switched_callback(OnSwitch, 0);
+    char report[160];
+    std::snprintf(report, sizeof report, "%d %d fast=%d own_pid=%d logged=%d,%d", focus, bestzone,
+                  std::chrono::steady_clock::now() - start < std::chrono::seconds(1),
+                  static_cast<unsigned>(_kova_get_command_id()) >> 16 == (getpid() & 0xFFFFu),
+                  doubles::CountLogPrefix("no connection in pid ", doubles::kError),
+                  doubles::CountLogPrefix("failed to get connection (the connection was inherited across fork()",
+                                          doubles::kError));
+    (void)!write(out[1], report, strlen(report));
     _exit(0);
   }
   close(out[1]);
-  std::string report;
-  char buf[256];
-  for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) report.append(buf, static_cast<size_t>(n));
+  char report[160] = {};
+  (void)!read(out[0], report, sizeof report - 1);
   close(out[0]);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(report, "-1 -1 fast=1 own_pid=1 logged=1,1");
+  EXPECT_STREQ(report, "-1 -1 fast=1 own_pid=1 logged=1,1");
   EXPECT_EQ(kova_set_audio_focus(3), 0);  // the parent's connection is untouched
 }
 

@@ -13,7 +13,7 @@ namespace {
 struct Wire {
   const char *method;
   std::string (*call)();  // the result, then what the call wrote out
-  const char *args;       // %c: the command identifier
+  const char *args;       // after the command identifier
   const char *reply;      // GVariant text; null for fire-and-forget
   const char *result;
   const char *line;  // after "[<command id>] "
@@ -80,90 +80,80 @@ std::string PolicyMax() {
 }
 
 
+// Lines: "=" stands for "(Method) success :: (N)", "~" for the call helper's
+// "_kova_dbus_method_call() success, method return value is (N)", N being the
+// number after the sign or else the reply's first integer; "!" for
+// "(Method) failed", "for X" for "_kova_dbus_method_call() for X is failed".
 const Wire kWires[] = {
-    {"PlayerRegister", [] { return S(kova_player_register(42, 7)); }, "(%c, 42, 7)", nullptr, "42",
-     "(PlayerRegister) success :: (0)"},
-    {"PlayerUnregister", [] { return S(kova_player_unregister(5)); }, "(%c, 5)", nullptr, "0",
-     "(PlayerUnregister) success :: (0)"},
-    {"PlayerRequestStop", [] { return S(kova_player_request_stop(6)); }, "(%c, 6)", nullptr, "0",
-     "(PlayerRequestStop) success :: (0)"},
-    {"PlayerRequestPlay", Play, "(%c, 11)", "(2,)", "0 2", "(PlayerRequestPlay) success :: (2)", "-1 9",
-     "(PlayerRequestPlay) failed"},
-    {"PlayerRequestPlay", Play, "(%c, 11)", "(-3,)", "-1 9", "(PlayerRequestPlay) failed -3"},
-    {"PlayerVideoStartDone", [] { return S(kova_player_video_start_done(1)); }, "(%c, 1)", "(-5,)", "-5",
-     "(PlayerVideoStartDone) success :: (-5)", "-1", "(PlayerVideoStartDone) failed"},
-    {"PlayerVideoStopDone", [] { return S(kova_player_video_stop_done(2)); }, "(%c, 2)", "(3,)", "3",
-     "(PlayerVideoStopDone) success :: (3)", "-1", "(PlayerVideoStopDone) failed"},
-    {"PlayerAudioStartDone", [] { return S(kova_player_audio_start_done(3)); }, "(%c, 3)", "(0,)", "0",
-     "(PlayerAudioStartDone) success :: (0)", "-1", "(PlayerAudioStartDone) failed"},
-    {"PlayerAudioStopDone", [] { return S(kova_player_audio_stop_done(4)); }, "(%c, 4)", "(1,)", "1",
-     "(PlayerAudioStopDone) success :: (1)", "-1", "(PlayerAudioStopDone) failed"},
-    {"GetPlayerAudioOut", AudioOut, "(%c, 6)", "(2,)", "0 2", "(GetPlayerAudioOut) success :: (2)", "-1 9",
-     "(GetPlayerAudioOut) failed"},
-    {"GetPlayerAudioOut", AudioOut, "(%c, 6)", "(-2,)", "-1 9", "(GetPlayerAudioOut) failed -2"},
-    {"RegisterExtSpkInfo", [] { return S(kova_extspk_info_register("bar", 8)); }, "(%c, 'bar', 8)", "(4,)", "4",
-     "(RegisterExtSpkInfo) success :: (4)", "-1", "(RegisterExtSpkInfo) failed"},
-    {"UnregisterExtSpkInfo", [] { return S(kova_extspk_info_unregister("baz", 9)); }, "(%c, 'baz', 9)", "(-2,)",
-     "-2", "(UnregisterExtSpkInfo) success :: (-2)", "-1", "(UnregisterExtSpkInfo) failed"},
-    {"GetExtSpkInfoAudioOut", Speaker, "(%c, 'bar')", "(2,)", "0 2", "(GetExtSpkInfoAudioOut) success :: (2)",
-     "-1 9", "(GetExtSpkInfoAudioOut) failed"},
-    {"GetExtSpkInfoAudioOut", Speaker, "(%c, 'bar')", "(-3,)", "-3 9", "(GetExtSpkInfoAudioOut) success :: (-3)"},
-    {"GetMultiviewZoneIds", ZoneList<kova_get_zone_list>, "(%c,)", "([(1, 10, 'a'), (2, 20, 'b')],)", "0 1:10:a",
-     "_kova_dbus_method_call() success, method return value is (2)", "-1",
-     "_kova_dbus_method_call() for GET_ZONE_LIST is failed"},
-    {"GetMultiviewZoneIds", ZoneList<kova_get_resource_zone_list>, "(%c,)", "(@a(iis) [],)", "-1",
-     "There is no zones"},
-    {"GetMultiviewZoneList", ZoneList<kova_get_multiview_zone_list>, "(%c,)", "([(3, 'c')],)", "0 3:0:c",
-     "zone 3(c) is added", "-1", "_kova_dbus_method_call() for GET_MULTIVIEW_ZONE_LIST is failed"},
-    {"SetAppToZone", [] { return S(kova_set_app_zone_info("org.app", -7)); }, "(%c, 'org.app', -7)", "(5,)", "-1",
-     "_kova_dbus_method_call() success, method return value is (5)", "-1",
-     "_kova_dbus_method_call() for SET_APP_ZONE_INFO is failed"},
-    {"RemoveAppFromZone", [] { return S(kova_remove_app_zone_info("org.app", 2)); }, "(%c, 'org.app', 2)", "(0,)",
-     "0", "_kova_dbus_method_call() success, method return value is (0)", "-1",
-     "_kova_dbus_method_call() for RemoveAppFromZone is failed"},
-    {"SetPreAssignedAppToZone", [] { return S(kova_set_pre_assigned_app_zone_info("org.pre", 3)); },
-     "(%c, 'org.pre', 3)", "(0,)", "0", "_kova_dbus_method_call() success, method return value is (0)", "-1",
-     "_kova_dbus_method_call() for SET_PRE_ASSIGNED_APP_ZONE_INFO is failed"},
-    {"SetRemovableAppToZone", [] { return S(kova_set_removable_app_zone_info("org.app", -4)); },
-     "(%c, 'org.app', -4)", nullptr, "0", "_kova_dbus_method_call() success"},
-    {"ClearRemovableAppToZone", [] { return S(kova_clear_removable_app_zone_info()); }, "(%c,)", nullptr, "0",
+    {"PlayerRegister", [] { return S(kova_player_register(42, 7)); }, "42, 7", nullptr, "42", "=0"},
+    {"PlayerUnregister", [] { return S(kova_player_unregister(5)); }, "5", nullptr, "0", "=0"},
+    {"PlayerRequestStop", [] { return S(kova_player_request_stop(6)); }, "6", nullptr, "0", "=0"},
+    {"PlayerRequestPlay", Play, "11", "(2,)", "0 2", "=", "-1 9", "!"},
+    {"PlayerRequestPlay", Play, "11", "(-3,)", "-1 9", "(PlayerRequestPlay) failed -3"},
+    {"PlayerVideoStartDone", [] { return S(kova_player_video_start_done(1)); }, "1", "(-5,)", "-5", "=", "-1", "!"},
+    {"PlayerVideoStopDone", [] { return S(kova_player_video_stop_done(2)); }, "2", "(3,)", "3", "=", "-1", "!"},
+    {"PlayerAudioStartDone", [] { return S(kova_player_audio_start_done(3)); }, "3", "(0,)", "0", "=", "-1", "!"},
+    {"PlayerAudioStopDone", [] { return S(kova_player_audio_stop_done(4)); }, "4", "(1,)", "1", "=", "-1", "!"},
+    {"GetPlayerAudioOut", AudioOut, "6", "(2,)", "0 2", "=", "-1 9", "!"},
+    {"GetPlayerAudioOut", AudioOut, "6", "(-2,)", "-1 9", "(GetPlayerAudioOut) failed -2"},
+    {"RegisterExtSpkInfo", [] { return S(kova_extspk_info_register("bar", 8)); }, "'bar', 8", "(4,)", "4", "=", "-1",
+     "!"},
+    {"UnregisterExtSpkInfo", [] { return S(kova_extspk_info_unregister("baz", 9)); }, "'baz', 9", "(-2,)", "-2", "=",
+     "-1", "!"},
+    {"GetExtSpkInfoAudioOut", Speaker, "'bar'", "(2,)", "0 2", "=", "-1 9", "!"},
+    {"GetExtSpkInfoAudioOut", Speaker, "'bar'", "(-3,)", "-3 9", "="},
+    {"GetMultiviewZoneIds", ZoneList<kova_get_zone_list>, "", "([(1, 10, 'a'), (2, 20, 'b')],)", "0 1:10:a", "~2",
+     "-1", "for GET_ZONE_LIST"},
+    {"GetMultiviewZoneIds", ZoneList<kova_get_resource_zone_list>, "", "(@a(iis) [],)", "-1", "There is no zones"},
+    {"GetMultiviewZoneList", ZoneList<kova_get_multiview_zone_list>, "", "([(3, 'c')],)", "0 3:0:c",
+     "zone 3(c) is added", "-1", "for GET_MULTIVIEW_ZONE_LIST"},
+    {"SetAppToZone", [] { return S(kova_set_app_zone_info("org.app", -7)); }, "'org.app', -7", "(5,)", "-1", "~",
+     "-1", "for SET_APP_ZONE_INFO"},
+    {"RemoveAppFromZone", [] { return S(kova_remove_app_zone_info("org.app", 2)); }, "'org.app', 2", "(0,)", "0", "~",
+     "-1", "for RemoveAppFromZone"},
+    {"SetPreAssignedAppToZone", [] { return S(kova_set_pre_assigned_app_zone_info("org.pre", 3)); }, "'org.pre', 3",
+     "(0,)", "0", "~", "-1", "for SET_PRE_ASSIGNED_APP_ZONE_INFO"},
+    {"SetRemovableAppToZone", [] { return S(kova_set_removable_app_zone_info("org.app", -4)); }, "'org.app', -4",
+     nullptr, "0", "_kova_dbus_method_call() success"},
+    {"ClearRemovableAppToZone", [] { return S(kova_clear_removable_app_zone_info()); }, "", nullptr, "0",
      "_kova_dbus_method_call() success"},
-    {"NotifyLayoutState", [] { return S(kova_notify_layout_state(static_cast<kova_layout_state_e>(-7))); },
-     "(%c, -7)", "(0,)", "0", "_kova_dbus_method_call() success, method return value is (0)", "-1",
-     "_kova_dbus_method_call() for NOTIFY_LAYOUT_STATE is failed"},
-    {"GetFocusedZone", OwnZone<kova_get_focused_zone>, "(%c,)", "(3, 30, 'org.focus')", "0 3:30:org.focus",
-     "focused zone (3:30:org.focus)", "-1", "_kova_dbus_method_call() for GET_FOCUSED_ZONE is failed"},
-    {"GetFocusedZone", OwnZone<kova_get_audio_focus_zone>, "(%c,)", "(4, 40, '')", "0 4:40:", "focused zone (4:40:)",
-     "-1", "_kova_dbus_method_call() for GET_FOCUSED_ZONE is failed"},
-    {"SwitchBestQaulityZone", [] { return S(kova_switch_best_quality_zone(2, 0)); }, "(%c, 2, 0)", "(7,)", "7",
-     "_kova_dbus_method_call() success, method return value is (7)", "-1",
-     "_kova_dbus_method_call() for BEST QUALITY ZONE INFO is failed"},
-    {"RestoreBestQualityZone", [] { return S(kova_restore_best_quality_zone()); }, "(%c,)", "(-3,)", "-3",
-     "_kova_dbus_method_call() success, method return value is (-3)", "-1",
-     "_kova_dbus_method_call() for RESTORE BEST QUALITY ZONE INFO is failed"},
-    {"SetAudioFocus", [] { return S(kova_set_audio_focus(-9)); }, "(%c, -9)", "(1,)", "-1",
-     "_kova_dbus_method_call() success, method return value is (1)", "-1",
-     "_kova_dbus_method_call() for SET_AUDIO_FOCUS is failed"},
-    {"SetAudioFocus", [] { return S(kova_set_audio_focus(2)); }, "(%c, 2)", "(0,)", "0",
-     "_kova_dbus_method_call() success, method return value is (0)"},
-    {"GetAudioFocus", Focus<kova_get_audio_focus>, "(%c,)", "(0,)", "-1 55",
-     "_kova_dbus_method_call() success, method return value is (0)", "-1 55",
-     "_kova_dbus_method_call() for GET_AUDIO_FOCUS is failed"},
-    {"GetAudioFocus", Focus<kova_get_audio_focus>, "(%c,)", "(4,)", "0 4",
-     "_kova_dbus_method_call() success, method return value is (4)"},
-    {"GetLastAudioFocus", Focus<kova_get_last_audio_focus>, "(%c,)", "(-3,)", "0 -3",
-     "_kova_dbus_method_call() success, method return value is (-3)", "-1 55",
-     "_kova_dbus_method_call() for GET_LAST_AUDIO_FOCUS is failed"},
-    {"IsAudioFocused", [] { return S(kova_is_audio_focused("org.app")); }, "(%c, 'org.app')", "(1234,)", "1234",
-     "_kova_dbus_method_call() success, method return value is (1234)", "-1",
-     "_kova_dbus_method_call() for IS_AUDIO_FOCUSED is failed"},
-    {"GetMaxVideo", MaxVideo<kova_get_max_video_resolution>, "(%c, 'app.v')", "(-1, 0, 30)", "0 -1x0@30",
-     "(GetMaxVideo) success (-1*0)-(30)", "-1 1x2@3", "(GetMaxVideo) failed"},
-    {"GetMaxVideo", MaxVideo<kova_get_allowed_max_video_resolution>, "(%c, 'app.v')", "(640, 480, 25)",
-     "0 640x480@25", "(GetMaxVideo) success (640*480)-(25)"},
-    {"PolicyGetMaxVideo", PolicyMax, "(%c, 2, 9)", "(1920, 1080, 60)", "0 1920x1080@60",
-     "(PolicyGetMaxVideo) success policy(2)/codec(9)/(1920*1080)-(60)", "-1 1x2@3", "(PolicyGetMaxVideo) failed"},
+    {"NotifyLayoutState", [] { return S(kova_notify_layout_state(static_cast<kova_layout_state_e>(-7))); }, "-7",
+     "(0,)", "0", "~", "-1", "for NOTIFY_LAYOUT_STATE"},
+    {"GetFocusedZone", OwnZone<kova_get_focused_zone>, "", "(3, 30, 'org.focus')", "0 3:30:org.focus",
+     "focused zone (3:30:org.focus)", "-1", "for GET_FOCUSED_ZONE"},
+    {"GetFocusedZone", OwnZone<kova_get_audio_focus_zone>, "", "(4, 40, '')", "0 4:40:", "focused zone (4:40:)", "-1",
+     "for GET_FOCUSED_ZONE"},
+    {"SwitchBestQaulityZone", [] { return S(kova_switch_best_quality_zone(2, 0)); }, "2, 0", "(7,)", "7", "~", "-1",
+     "for BEST QUALITY ZONE INFO"},
+    {"RestoreBestQualityZone", [] { return S(kova_restore_best_quality_zone()); }, "", "(-3,)", "-3", "~", "-1",
+     "for RESTORE BEST QUALITY ZONE INFO"},
+    {"SetAudioFocus", [] { return S(kova_set_audio_focus(-9)); }, "-9", "(1,)", "-1", "~", "-1",
+     "for SET_AUDIO_FOCUS"},
+    {"SetAudioFocus", [] { return S(kova_set_audio_focus(2)); }, "2", "(0,)", "0", "~"},
+    {"GetAudioFocus", Focus<kova_get_audio_focus>, "", "(0,)", "-1 55", "~", "-1 55", "for GET_AUDIO_FOCUS"},
+    {"GetAudioFocus", Focus<kova_get_audio_focus>, "", "(4,)", "0 4", "~"},
+    {"GetLastAudioFocus", Focus<kova_get_last_audio_focus>, "", "(-3,)", "0 -3", "~", "-1 55",
+     "for GET_LAST_AUDIO_FOCUS"},
+    {"IsAudioFocused", [] { return S(kova_is_audio_focused("org.app")); }, "'org.app'", "(1234,)", "1234", "~", "-1",
+     "for IS_AUDIO_FOCUSED"},
+    {"GetMaxVideo", MaxVideo<kova_get_max_video_resolution>, "'app.v'", "(-1, 0, 30)", "0 -1x0@30",
+     "(GetMaxVideo) success (-1*0)-(30)", "-1 1x2@3", "!"},
+    {"GetMaxVideo", MaxVideo<kova_get_allowed_max_video_resolution>, "'app.v'", "(640, 480, 25)", "0 640x480@25",
+     "(GetMaxVideo) success (640*480)-(25)"},
+    {"PolicyGetMaxVideo", PolicyMax, "2, 9", "(1920, 1080, 60)", "0 1920x1080@60",
+     "(PolicyGetMaxVideo) success policy(2)/codec(9)/(1920*1080)-(60)", "-1 1x2@3", "!"},
 };
+
+// A line of the table, written out for w.
+std::string Line(const Wire &w, const std::string &line) {
+  std::string n = line.substr(1);
+  if (n.empty() && w.reply != nullptr) n = std::to_string(Variant(g_variant_new_parsed(w.reply)).i32(0));
+  if (line[0] == '=') return "(" + std::string(w.method) + ") success :: (" + n + ")";
+  if (line[0] == '~') return "_kova_dbus_method_call() success, method return value is (" + n + ")";
+  if (line == "!") return "(" + std::string(w.method) + ") failed";
+  if (line.rfind("for ", 0) == 0) return "_kova_dbus_method_call() " + line + " is failed";
+  return line;
+}
 
 using WireTest = KovaTest;
 
@@ -176,15 +166,15 @@ TEST_F(WireTest, EveryCallSendsItsArgumentsAndMapsTheAnswer) {
     if (w.reply == nullptr) Sync();  // the fire-and-forget call has reached the service
     ASSERT_EQ(service().CallsTo(w.method).size(), sent + 1);
     const Call call = LastCall(w.method);
-    std::string args = w.args;
-    args.replace(args.find("%c"), 2, std::to_string(call.args.i32(0)));
-    EXPECT_EQ(call.args.text(), args);
-    EXPECT_TRUE(doubles::HasLog("[" + Hex(call.args.i32(0)) + "] " + w.line)) << w.line;
+    const std::string cmd = std::to_string(call.args.i32(0));
+    EXPECT_EQ(call.args.text(), w.args[0] ? "(" + cmd + ", " + w.args + ")" : "(" + cmd + ",)");
+    EXPECT_TRUE(doubles::HasLog("[" + Hex(call.args.i32(0)) + "] " + Line(w, w.line))) << Line(w, w.line);
     if (w.failed_result == nullptr) continue;
     service().Set(w.method, Answer::Error("org.zelta.Error.Failed", "no"));
     EXPECT_EQ(w.call(), w.failed_result);
-    EXPECT_TRUE(doubles::HasLog("[" + Hex(LastCall(w.method).args.i32(0)) + "] " + w.failed_line, doubles::kError))
-        << w.failed_line;
+    EXPECT_TRUE(doubles::HasLog("[" + Hex(LastCall(w.method).args.i32(0)) + "] " + Line(w, w.failed_line),
+                                doubles::kError))
+        << Line(w, w.failed_line);
   }
 }
 

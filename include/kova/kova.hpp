@@ -740,13 +740,107 @@ inline int video_stop_done(int player_id) { return kova_player_video_stop_done(p
 inline int audio_start_done(int player_id) { return kova_player_audio_start_done(player_id); }
 inline int audio_stop_done(int player_id) { return kova_player_audio_stop_done(player_id); }
 
+/* External speakers: the service's integer (which may be negative), or -1
+ * for a failed call. */
+inline Result<int> register_speaker(const std::string &name, int value) {
+  const int r = kova_extspk_info_register(name.c_str(), value);
+  return r == -1 ? Result<int>::failure(-1) : Result<int>(r);
+}
+inline Result<int> unregister_speaker(const std::string &name, int value) {
+  const int r = kova_extspk_info_unregister(name.c_str(), value);
+  return r == -1 ? Result<int>::failure(-1) : Result<int>(r);
+}
+inline Result<AudioOut> speaker_audio_out(const std::string &name) {
+  kova_audio_out_e out = KOVA_AUDIO_OUT_MAIN;
+  const int r = kova_get_extspk_info_audio_out(name.c_str(), &out);
+  if (r != 0) return Result<AudioOut>::failure(r);
+  return static_cast<AudioOut>(out);
+}
+
+/* Zone assignment and layout: 0 from the service is success. */
+inline Result<void> assign_app_to_zone(const std::string &app_id, int zone_id) {
+  return check(kova_set_app_zone_info(app_id.c_str(), zone_id));
+}
+inline Result<void> remove_app_from_zone(const std::string &app_id, int zone_id) {
+  return check(kova_remove_app_zone_info(app_id.c_str(), zone_id));
+}
+inline Result<void> pre_assign_app_to_zone(const std::string &app_id, int zone_id) {
+  return check(kova_set_pre_assigned_app_zone_info(app_id.c_str(), zone_id));
+}
+/* Sent without waiting for the service. */
+inline Result<void> mark_app_removable(const std::string &app_id, int zone_id) {
+  return check(kova_set_removable_app_zone_info(app_id.c_str(), zone_id));
+}
+inline Result<void> clear_removable_apps() { return check(kova_clear_removable_app_zone_info()); }
 inline Result<void> notify_layout_state(LayoutState state) { return check(kova_notify_layout_state(to_c(state))); }
+
+/* The best-quality zone: the service's integer, or -1 for a refused
+ * argument or a failed call. */
+inline Result<int> switch_best_quality_zone(int first, int second) {
+  const int r = kova_switch_best_quality_zone(first, second);
+  return r == -1 ? Result<int>::failure(-1) : Result<int>(r);
+}
+inline Result<int> restore_best_quality_zone() {
+  const int r = kova_restore_best_quality_zone();
+  return r == -1 ? Result<int>::failure(-1) : Result<int>(r);
+}
+
+/* Audio focus: a zone id; no focus (the service's 0) is a failure, as in C. */
 inline Result<void> set_audio_focus(int zone_id) { return check(kova_set_audio_focus(zone_id)); }
 inline Result<int> audio_focus() {
   int focus = 0;
   const int r = kova_get_audio_focus(&focus);
   if (r != 0) return Result<int>::failure(r);
   return focus;
+}
+inline Result<int> last_audio_focus() {
+  int focus = 0;
+  const int r = kova_get_last_audio_focus(&focus);
+  if (r != 0) return Result<int>::failure(r);
+  return focus;
+}
+/* The service's integer, unchanged. */
+inline int is_audio_focused(const std::string &app_id) { return kova_is_audio_focused(app_id.c_str()); }
+
+/* A maximum video resolution. */
+struct Resolution {
+  int width = 0;
+  int height = 0;
+  int framerate = 0;
+};
+inline Result<Resolution> max_video_resolution(const std::string &app_id) {
+  Resolution r;
+  const int result = kova_get_max_video_resolution(app_id.c_str(), &r.width, &r.height, &r.framerate);
+  if (result != 0) return Result<Resolution>::failure(result);
+  return r;
+}
+inline Result<Resolution> policy_max_resolution(Policy policy, Codec codec) {
+  Resolution r;
+  const int result = kova_policy_get_max_resolution(to_c(policy), to_c(codec), &r.width, &r.height, &r.framerate);
+  if (result != 0) return Result<Resolution>::failure(result);
+  return r;
+}
+/* The category to use: the requested one or the service's answer; -1 (a
+ * failed call) and -4 (an invalid request in policy mode) as failures. */
+inline Result<int> capable_category(int player_id, const std::string &app_id, int category) {
+  const int r = kova_get_capable_category_id(player_id, app_id.c_str(), category);
+  return r == -1 || r == -4 ? Result<int>::failure(r) : Result<int>(r);
+}
+
+/* The resource policy without an owner, and the list-carrying sends; the
+ * lists stay the caller's. */
+inline Result<void> set_policy_internal(Policy policy) {
+  return check(kova_set_resource_policy_internal(static_cast<int>(policy)));
+}
+inline Result<void> set_policy_app_zones(Policy policy, const AppList &apps) {
+  return check(kova_set_resource_policy_app_zone_info(static_cast<int>(policy), apps.get()));
+}
+inline Result<void> set_pre_assigned_apps(const AppList &apps) { return check(kova_set_pre_assigned_app_list(apps.get())); }
+inline Result<void> register_app_list(int list_type, const AppList &apps) {
+  return check(kova_register_app_list(list_type, apps.get()));
+}
+inline Result<void> unregister_app_list(int list_type, const AppList &apps) {
+  return check(kova_unregister_app_list(list_type, apps.get()));
 }
 
 }  // namespace kova
