@@ -119,6 +119,7 @@ const Wire kWires[] = {
      "_kova_dbus_method_call() success"},
     {"NotifyLayoutState", [] { return S(kova_notify_layout_state(static_cast<kova_layout_state_e>(-7))); }, "-7",
      "(0,)", "0", "~", "-1", "for NOTIFY_LAYOUT_STATE"},
+    {"NotifyLayoutState", [] { return S(kova_notify_layout_state(KOVA_LAYOUT_STATE_SINGLE)); }, "1", "(5,)", "-1", "~"},
     {"GetFocusedZone", OwnZone<kova_get_focused_zone>, "", "(3, 30, 'org.focus')", "0 3:30:org.focus",
      "focused zone (3:30:org.focus)", "-1", "for GET_FOCUSED_ZONE"},
     {"GetFocusedZone", OwnZone<kova_get_audio_focus_zone>, "", "(4, 40, '')", "0 4:40:", "focused zone (4:40:)", "-1",

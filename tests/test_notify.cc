@@ -1,11 +1,14 @@
-// The resource-change and maximum-resolution registries share one implementation and the same cases.
+// Notifications: audio focus, the best-quality registry and the per-application registries.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <functional>
 #include <future>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kova_api.h"
@@ -13,6 +16,104 @@
 
 namespace kova_test {
 namespace {
+
+using FocusTest = KovaTest;
+
+using Seen = std::vector<std::string>;  // what one subscriber saw
+
+void OnFocus(int zone_id, void *seen) { static_cast<Seen *>(seen)->push_back(std::to_string(zone_id)); }
+
+void OnFocusZone(kova_zone *z, void *seen) {
+  static_cast<Seen *>(seen)->push_back(std::to_string(z->id) + ":" + std::to_string(z->scaler_id) + ":" + z->app_id);
+}
+
+TEST_F(FocusTest, BothSubscriptionKindsSeeTheSameSignalUntilTheyLeave) {
+  Seen a, z;
+  const unsigned int ida = kova_register_audio_focus_changed_callback(OnFocus, &a);
+  const unsigned int idz = kova_subscribe_audio_focus_zone_changed(OnFocusZone, &z);
+  Emit("AudioFocusChanged", g_variant_new("(iiis)", 0x1234ABCD, 4, 40, "org.app"));
+  ASSERT_TRUE(WaitUntil([&] { return a.size() + z.size() == 2; }));
+  EXPECT_EQ((std::vector<Seen>{a, z}), (std::vector<Seen>{{"4"}, {"4:40:org.app"}}));
+  EXPECT_EQ(kova_unsubscribe_audio_focus_zone_changed(idz), 0);
+  Emit("AudioFocusChanged", g_variant_new("(iiis)", 2, 0, 0, ""));  // zone 0 is delivered like any other
+  ASSERT_TRUE(WaitUntil([&] { return a.size() == 2; }));
+  EXPECT_EQ(kova_unregister_audio_focus_changed_callback(ida), 0);
+  Emit("AudioFocusChanged", g_variant_new("(iiis)", 3, 5, 50, "org.other"));
+  Sync();
+  EXPECT_EQ((std::vector<Seen>{a, z}), (std::vector<Seen>{{"4", "0"}, {"4:40:org.app"}}));
+}
+
+using ::testing::ElementsAre;
+
+using Hit = std::tuple<int, int, int, int, intptr_t>;  // callback, the three zones, user data
+
+// Callbacks are told apart by their address, so each slot is its own function.
+std::vector<Hit> g_hits;
+std::function<void()> g_once;  // run by cb0 on its next call
+
+template <int N>
+void Cb(int first, int second, int third, void *user_data) {
+  g_hits.emplace_back(N, first, second, third, reinterpret_cast<intptr_t>(user_data));
+  if (N == 0 && g_once) std::exchange(g_once, nullptr)();
+}
+
+constexpr kova_best_quality_zone_switched_cb kCb[] = {Cb<0>, Cb<1>, Cb<2>, Cb<3>};
+
+int Reg(int n, intptr_t ud = 0) {  // user data 100 + n by default
+  return kova_register_best_quality_zone_switched_callback(kCb[n], reinterpret_cast<void *>(ud != 0 ? ud : 100 + n));
+}
+int Unreg(int n) { return kova_unregister_best_quality_zone_switched_callback(kCb[n]); }
+
+class BestZoneTest : public KovaTest {
+ protected:
+  void TearDown() override {
+    g_once = nullptr;
+    g_hits.clear();
+    KovaTest::TearDown();
+  }
+  void Switch(int first, int second = 0, int third = 0) {
+    const size_t before = g_hits.size();
+    Emit("BestQualitZoneSwitched", g_variant_new("(iii)", first, second, third));
+    ASSERT_TRUE(WaitUntil([&] { return g_hits.size() > before; }));
+  }
+};
+
+TEST_F(BestZoneTest, RegistryChangesDuringADeliveryTakeEffectFromTheNextOne) {
+  // cb0 unregisters cb1 twice, takes cb2 (still to come) and itself out and back in, and registers cb3.
+  std::vector<int> results;
+  g_once = [&] { results = {Unreg(1), Unreg(1), Unreg(2), Reg(2, 12), Unreg(0), Reg(0, 10), Reg(3)}; };
+  for (int i : {0, 1, 2}) ASSERT_EQ(Reg(i), 0);
+  EXPECT_EQ(Reg(0, 9), -1);  // keeps the first user data
+  Switch(1, 2, 3);
+  EXPECT_THAT(results, ElementsAre(0, -1, 0, 0, 0, 0, 0));
+  char cb1[64];  // the second unregistration of cb1 matches its held record again, then finds no other
+  std::snprintf(cb1, sizeof cb1, "%p", reinterpret_cast<void *>(kCb[1]));
+  EXPECT_EQ(doubles::CountLog("cb (" + std::string(cb1) + ") is being invoked", doubles::kInfo), 2);
+  EXPECT_EQ(doubles::CountLog("not registered cb (" + std::string(cb1) + ")", doubles::kError), 1);
+  Switch(4);
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 2, 3, 100}, Hit{2, 1, 2, 3, 12}, Hit{0, 4, 0, 0, 10},
+                                  Hit{2, 4, 0, 0, 12}, Hit{3, 4, 0, 0, 103}));
+  for (int i : {0, 2, 3}) EXPECT_EQ(Unreg(i), 0);
+}
+
+TEST_F(BestZoneTest, CallbacksRunWithoutTheRegistryLock) {
+  // cb0 waits for a thread that unregisters cb1, calls the bus, then unregisters itself, the last one.
+  g_once = [&] {
+    auto done = std::async(std::launch::async, [] { EXPECT_EQ(Unreg(1), 0); });
+    ASSERT_EQ(done.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    service().SetInt("RestoreBestQualityZone", -3);
+    EXPECT_EQ(kova_restore_best_quality_zone(), -3);
+    EXPECT_EQ(Unreg(0), 0);
+  };
+  for (int i : {0, 1}) ASSERT_EQ(Reg(i), 0);
+  Switch(1);
+  EXPECT_THAT(g_hits, ElementsAre(Hit{0, 1, 0, 0, 100}));  // cb1 left before its turn
+  // cb0's record stayed until the delivery ended, and the subscription with it, for the next registration.
+  ASSERT_EQ(Reg(2), 0);
+  EXPECT_EQ(Unreg(2), 0);  // the last one leaving outside a delivery ends it
+  EXPECT_EQ(doubles::CountLogPrefix("subscribe best quality zone switched (", doubles::kInfo), 1);
+  EXPECT_EQ(doubles::CountLogPrefix("unsubscribe best quality zone switched (", doubles::kInfo), 1);
+}
 
 using Ints = std::vector<int>;
 
@@ -97,6 +198,7 @@ TEST_P(RegistryTest, ApplicationsShareOneSubscriptionDroppedWithTheLast) {
   Signal("app.a");
   ASSERT_TRUE(WaitUntil([&] { return !a.got.empty(); }));
   EXPECT_EQ(Subscriptions(), 0);  // gone with the last, from inside its callback
+  EXPECT_EQ(doubles::CountLogPrefix("failed to unregister app id("), 0);  // the service's 0 is no failure
   service().Set(R().reg_method, Answer::Error("org.zelta.Error.Failed", "no"));
   EXPECT_EQ(R().reg("app.c", &a), -1);  // a failed call registers nothing
   EXPECT_EQ(R().unreg("app.c"), -1);

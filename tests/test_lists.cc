@@ -1,4 +1,5 @@
-// Resource policy on the wire: the policy sends and policy-change notification.
+// Zone and application lists, their walks, and the policy sends that carry them; the policy change.
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <functional>
@@ -11,7 +12,59 @@
 namespace kova_test {
 namespace {
 
-using PolicyTest = KovaTest;
+std::string Read(const kova_zone *z) {
+  return std::to_string(z->id) + ":" + std::to_string(z->scaler_id) + ":" + (z->app_id ? z->app_id : "<null>");
+}
+
+using ListTest = KovaTest;
+
+TEST_F(ListTest, WalksShareOnePositionThatStopsAtBothEnds) {
+  void *list = nullptr;
+  service().Set("GetMultiviewZoneIds",
+                Answer::Value(g_variant_new_parsed("([(1, 10, 'a'), (2, 20, 'b'), (3, -30, 'c')],)")));
+  ASSERT_EQ(kova_get_zone_list(&list), 0);
+  // Each step as the id of the zone in `zone` after it, then the result when it failed.
+  kova_zone *zone = nullptr;
+  const auto seen = [&](int r) { return std::to_string(zone ? zone->id : 0) + (r == 0 ? "" : std::to_string(r)); };
+  const auto prev = [&] { return seen(kova_get_prev_zone(list, &zone)); };
+  const auto next = [&] { return seen(kova_get_next_zone(list, &zone)); };
+  const auto get_next = [&] { return (zone = kova_resource_zone_list_get_next(list)) ? seen(0) : "null"; };
+  EXPECT_THAT((std::vector<std::string>{prev(), get_next(), next(), get_next(), next(), get_next(), prev(), prev(),
+                                        prev(), next(), get_next()}),
+              ::testing::ElementsAre("0-1", "1", "2", "3", "3-1", "null", "2", "1", "1-1", "2", "3"));
+  EXPECT_EQ(Read(zone), "3:-30:c");
+  EXPECT_EQ(kova_free_resource_zone_list(list), 0);
+}
+
+using ::testing::ElementsAre;
+
+std::string Rec(const kova_app *app) {  // "id:zone"
+  return app ? std::string(kova_app_get_app_id(app)) + ":" + std::to_string(kova_app_get_zone_id(app)) : "(null)";
+}
+
+TEST(AppListTest, WalksBothWaysStopsAtTheEndsAndRestartsOnInsertion) {
+  doubles::Reset();
+  char id[] = "A";  // both kinds of record keep their own copy
+  kova_app_list_h list = kova_app_list_add(kova_app_list_add(kova_app_list_create_new(), 1, id), 2, "B");
+  kova_app *same = kova_app_list_create_new_app(id);
+  id[0] = 'X';
+  EXPECT_EQ(Rec(kova_app_list_get_first(list)), "A:1");
+  EXPECT_EQ(Rec(kova_app_list_get_prev(list)), "(null)");
+  EXPECT_EQ(Rec(kova_app_list_get_next(list)), "B:2");
+  EXPECT_EQ(Rec(kova_app_list_get_next(list)), "(null)");  // the position stays on the last
+  // A refused record stays the caller's; an insertion puts the position back on the first record.
+  EXPECT_EQ(kova_app_list_insert_app(nullptr, same), nullptr);
+  EXPECT_THAT(doubles::Messages(), ElementsAre("no prev app", "no next app", "invalid list"));
+  ASSERT_EQ(kova_app_list_insert_app(list, same), list);
+  EXPECT_EQ(Rec(kova_app_list_get_next(list)), "B:2");
+  EXPECT_EQ(Rec(kova_app_list_get_next(list)), "A:0");
+  EXPECT_EQ(list->iter->data, same);  // inserted as is, not copied
+  EXPECT_EQ(Rec(kova_app_list_get_prev(list)), "B:2");
+  ASSERT_EQ(kova_app_list_add(list, 9, "D"), list);  // so does an addition
+  EXPECT_EQ(Rec(kova_app_list_get_next(list)), "B:2");
+  EXPECT_EQ(kova_app_list_get_count(list), 4);
+  kova_app_list_free(list);
+}
 
 // What call should carry: its command identifier, then tail (%p: the pid).
 std::string Sent(const Call &call, std::string tail) {
@@ -21,7 +74,7 @@ std::string Sent(const Call &call, std::string tail) {
 
 // A record goes with its owner only while its list is empty, the internal policy unsigned. The service's 0 stays
 // 0; any other answer, like an error reply, gives -1.
-TEST_F(PolicyTest, EverySendCarriesItsListAndMapsTheAnswer) {
+TEST_F(ListTest, EverySendCarriesItsListAndMapsTheAnswer) {
   kova_app_list_h list = kova_app_list_add(kova_app_list_add(kova_app_list_create_new(), 1, "A"), 2, "B");
   kova_app_set_priority_video(kova_app_list_get_first(list), 1);
   kova_app_set_priority_audio(kova_app_list_get_first(list), 2);
@@ -62,7 +115,7 @@ using Changed = std::function<void(kova_policy_info *)>;
 void OnPolicyChanged(kova_policy_info *info, void *changed) { (*static_cast<Changed *>(changed))(info); }
 
 // The change arrives as a record with its applications and no owner; the callback can send it on as it is.
-TEST_F(PolicyTest, PolicyChangeArrivesAsARecordWithItsApplications) {
+TEST_F(ListTest, PolicyChangeArrivesAsARecordWithItsApplications) {
   service().SetInt("SetResourcePolicyWithAppList", 0);
   int sent = -9;
   std::vector<std::string> apps;  // "zone:id" each
