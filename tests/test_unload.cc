@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 
 #include "fake_kova.h"
@@ -15,11 +14,20 @@ namespace kova_test {
 namespace {
 
 std::atomic<int> g_hits{0};
-extern "C" void OnPlayer(int, void *) { ++g_hits; }
-extern "C" void OnSwitched(int, int, int, void *) { ++g_hits; }
-extern "C" void OnResource(const char *, void *, void *) { ++g_hits; }
-extern "C" void OnRez(const char *, int, int, int, void *) { ++g_hits; }
-extern "C" void OnZone(void *, void *) { ++g_hits; }
+extern "C" void OnAny() { ++g_hits; }  // called with arguments it ignores
+using Cb = void (*)();
+
+void *g_lib = nullptr;
+template <typename F>
+F Fn(const std::string &name) {
+  void *f = dlsym(g_lib, name.c_str());
+  EXPECT_NE(f, nullptr) << name;
+  return reinterpret_cast<F>(f);
+}
+using RegId = unsigned int (*)(Cb, void *);
+using UnregId = int (*)(unsigned int);
+using RegApp = int (*)(const char *, Cb, void *);
+using UnregApp = int (*)(const char *, Cb);
 
 void RoundTrip(GDBusConnection *conn, const FakeKova &service) {
   g_autoptr(GVariant) r = g_dbus_connection_call_sync(conn, service.unique_name().c_str(), "/",
@@ -39,52 +47,34 @@ TEST(Unload, DlcloseLeavesTheLibraryMappedForGDBus) {
   ASSERT_TRUE(service.ok()) << service.error();
   for (const char *m : {"RscChangeRegId", "RscChangeUnRegId", "MaxVideoRegId", "MaxVideoUnRegId"}) service.SetInt(m, 0);
 
-  void *lib = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(lib, nullptr) << dlerror();
-  auto fn = [&](const char *name) {
-    void *f = dlsym(lib, name);
-    EXPECT_NE(f, nullptr) << name;
-    return f;
-  };
-  using RegId = unsigned int (*)(void (*)(), void *);
-  using UnregId = int (*)(unsigned int);
-  const auto cb = [](auto f) { return reinterpret_cast<void (*)()>(f); };
+  ASSERT_NE(g_lib = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_LOCAL), nullptr) << dlerror();
   // Every family registered and unregistered, so that GDBus has free functions to call.
   for (const std::string family : {"player_video_start_request", "player_video_stop_request",
                                    "player_audio_start_request", "player_audio_stop_request",
                                    "player_audio_resync_request", "audio_focus_changed", "resource_policy_changed"}) {
-    auto reg = reinterpret_cast<RegId>(fn(("kova_register_" + family + "_callback").c_str()));
-    auto unreg = reinterpret_cast<UnregId>(fn(("kova_unregister_" + family + "_callback").c_str()));
-    EXPECT_EQ(unreg(reg(cb(OnPlayer), nullptr)), 0) << family;
+    EXPECT_EQ(Fn<UnregId>("kova_unregister_" + family + "_callback")(
+                  Fn<RegId>("kova_register_" + family + "_callback")(OnAny, nullptr)),
+              0);
   }
-  auto zone_sub = reinterpret_cast<RegId>(fn("kova_subscribe_audio_focus_zone_changed"));
-  EXPECT_EQ(reinterpret_cast<UnregId>(fn("kova_unsubscribe_audio_focus_zone_changed"))(zone_sub(cb(OnZone), nullptr)),
+  EXPECT_EQ(Fn<UnregId>("kova_unsubscribe_audio_focus_zone_changed")(
+                Fn<RegId>("kova_subscribe_audio_focus_zone_changed")(OnAny, nullptr)),
             0);
-  using RegFn = int (*)(void (*)(), void *);
-  using UnregFn = int (*)(void (*)());
-  auto switched = reinterpret_cast<RegFn>(fn("kova_register_best_quality_zone_switched_callback"));
-  EXPECT_EQ(switched(cb(OnSwitched), nullptr), 0);
-  EXPECT_EQ(reinterpret_cast<UnregFn>(fn("kova_unregister_best_quality_zone_switched_callback"))(cb(OnSwitched)), 0);
-  using RegApp = int (*)(const char *, void (*)(), void *);
-  using UnregApp = int (*)(const char *, void (*)());
-  auto rsc = reinterpret_cast<RegApp>(fn("kova_register_resource_change_callback"));
-  auto rez = reinterpret_cast<RegApp>(fn("kova_register_max_video_resolution_changed_callback"));
-  EXPECT_EQ(rsc("app.u", cb(OnResource), nullptr), 0);
-  EXPECT_EQ(reinterpret_cast<UnregApp>(fn("kova_unregister_resource_change_callback"))("app.u", cb(OnResource)), 0);
-  EXPECT_EQ(rez("app.u", cb(OnRez), nullptr), 0);
-  EXPECT_EQ(reinterpret_cast<UnregApp>(fn("kova_unregister_max_video_resolution_changed_callback"))("app.u",
-                                                                                                     cb(OnRez)),
-            0);
+  const auto best = Fn<int (*)(Cb, void *)>("kova_register_best_quality_zone_switched_callback");
+  const auto unbest = Fn<int (*)(Cb)>("kova_unregister_best_quality_zone_switched_callback");
+  EXPECT_EQ(best(OnAny, nullptr) + unbest(OnAny), 0);
+  for (const std::string family : {"resource_change", "max_video_resolution_changed"}) {
+    EXPECT_EQ(Fn<RegApp>("kova_register_" + family + "_callback")("app.u", OnAny, nullptr) +
+                  Fn<UnregApp>("kova_unregister_" + family + "_callback")("app.u", OnAny),
+              0);
+  }
   // And some left subscribed across the unload.
-  const unsigned int player = reinterpret_cast<RegId>(fn("kova_register_player_video_start_request_callback"))(
-      cb(OnPlayer), nullptr);
-  EXPECT_EQ(switched(cb(OnSwitched), nullptr), 0);
-  EXPECT_EQ(rsc("app.u", cb(OnResource), nullptr), 0);
+  const unsigned int player = Fn<RegId>("kova_register_player_video_start_request_callback")(OnAny, nullptr);
+  EXPECT_EQ(best(OnAny, nullptr) + Fn<RegApp>("kova_register_resource_change_callback")("app.u", OnAny, nullptr), 0);
 
-  ASSERT_EQ(dlclose(lib), 0);
+  ASSERT_EQ(dlclose(g_lib), 0);
   void *still = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
-  EXPECT_NE(still, nullptr) << "the library was unmapped";
-  if (still != nullptr) dlclose(still);
+  ASSERT_NE(still, nullptr) << "the library was unmapped";
+  dlclose(still);
 
   g_autoptr(GDBusConnection) conn = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
   ASSERT_NE(conn, nullptr);
@@ -95,13 +85,12 @@ TEST(Unload, DlcloseLeavesTheLibraryMappedForGDBus) {
   RoundTrip(conn, service);
   EXPECT_EQ(g_hits, 3);
 
-  // Loaded again, it is the same library with the same registrations.
-  lib = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(lib, nullptr);
-  EXPECT_EQ(reinterpret_cast<UnregId>(fn("kova_unregister_player_video_start_request_callback"))(player), 0);
-  EXPECT_EQ(reinterpret_cast<UnregFn>(fn("kova_unregister_best_quality_zone_switched_callback"))(cb(OnSwitched)), 0);
-  EXPECT_EQ(reinterpret_cast<UnregApp>(fn("kova_unregister_resource_change_callback"))("app.u", cb(OnResource)), 0);
-  dlclose(lib);
+  // Loaded again, it is the same library with the same registrations: they go, leaving nothing at exit.
+  ASSERT_NE(g_lib = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_LOCAL), nullptr);
+  EXPECT_EQ(Fn<UnregId>("kova_unregister_player_video_start_request_callback")(player), 0);
+  EXPECT_EQ(Fn<int (*)(Cb)>("kova_unregister_best_quality_zone_switched_callback")(OnAny), 0);
+  EXPECT_EQ(Fn<UnregApp>("kova_unregister_resource_change_callback")("app.u", OnAny), 0);
+  dlclose(g_lib);
   RoundTrip(conn, service);
   g_dbus_connection_set_exit_on_close(conn, FALSE);
 }
