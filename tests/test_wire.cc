@@ -102,6 +102,7 @@ const Wire kWires[] = {
      "-1", "!"},
     {"GetExtSpkInfoAudioOut", Speaker, "'bar'", "(2,)", "0 2", "=", "-1 9", "!"},
     {"GetExtSpkInfoAudioOut", Speaker, "'bar'", "(-3,)", "-3 9", "="},
+    {"GetExtSpkInfoAudioOut", Speaker, "'bar'", "(0,)", "0 0", "="},
     {"GetMultiviewZoneIds", ZoneList<kova_get_zone_list>, "", "([(1, 10, 'a'), (2, 20, 'b')],)", "0 1:10:a", "~2",
      "-1", "for GET_ZONE_LIST"},
     {"GetMultiviewZoneIds", ZoneList<kova_get_resource_zone_list>, "", "(@a(iis) [],)", "-1", "There is no zones"},
