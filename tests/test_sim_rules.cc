@@ -94,5 +94,39 @@ TEST(SimPolicy, SettersSignalTheAppsAndTheirZones) {
   EXPECT_EQ(Layout(k), "x|y| focus 2/1");
 }
 
+// Every key with its range, every mistake with its line; a good file sets what it names.
+TEST(SimConfig, EachKeyTakesItsRangeAndEachMistakeNamesItsLine) {
+  const std::pair<const char *, const char *> rows[] = {
+      {"video_decoders = 8\naudio_outputs = 1  # main only\n\n", ""},
+      {"video_decoders = 9", "line 1: video_decoders: 9 is out of range 1..8"},
+      {"video_decoders = 0", "line 1: video_decoders: 0 is out of range 1..8"},
+      {"audio_outputs = 3", "line 1: audio_outputs: 3 is out of range 1..2"},
+      {"zones = 5", "line 1: zones: 5 is out of range 1..4"},
+      {"best_quality_zone = 0", "line 1: best_quality_zone: 0 is out of range 1..4"},
+      {"audio_focus = -1", "line 1: audio_focus: -1 is out of range 0..4"},
+      {"stop_timeout_ms = 60001", "line 1: stop_timeout_ms: 60001 is out of range 1..60000"},
+      {"zones = two", "line 1: zones: 'two' is not an integer"},
+      {"main_video = 1920x1080", "line 1: main_video: '1920x1080' is not WIDTHxHEIGHT@FRAMERATE"},
+      {"sub_video = 0x1@1", "line 1: sub_video: '0x1@1' is not WIDTHxHEIGHT@FRAMERATE"},
+      {"main_video = 1@2x3", "line 1: main_video: '1@2x3' is not WIDTHxHEIGHT@FRAMERATE"},
+      {"capable_categories = 1:2, 3", "line 1: capable_categories: '3' is not FROM:TO"},
+      {"\nfoo = 1", "line 2: unknown key 'foo'"},
+      {"zones", "line 1: expected key = value"},
+      {"zones = 2\nbest_quality_zone = 3", "best_quality_zone 3 is not one of the 2 zones"},
+      {"audio_focus = 3\nzones = 2", "audio_focus 3 is not one of the 2 zones"},
+  };
+  for (const auto &[text, error] : rows) {
+    Config c;
+    std::string why;
+    EXPECT_EQ(ParseConfig(text, &c, &why) ? "" : why, error) << text;
+  }
+  Config c;
+  std::string why;
+  ASSERT_TRUE(ParseConfig("main_video = 1280x720@50\ncapable_categories = 1:2, 3:4\nstop_timeout_ms = 9", &c, &why));
+  EXPECT_EQ(c.main_video, (Resolution{1280, 720, 50}));
+  EXPECT_EQ(c.capable_categories, (std::map<int, int>{{1, 2}, {3, 4}}));
+  EXPECT_EQ(c.stop_timeout_ms, 9);
+}
+
 }  // namespace
 }  // namespace kova_sim
