@@ -54,7 +54,12 @@ TEST(SimBus, RefusesABadConfigurationAndServesTheLibraryAndEveryDescribedMethod)
   g_autoptr(GVariant) xml = g_dbus_connection_call_sync(client, kName, kPath, "org.freedesktop.DBus.Introspectable",
                                                         "Introspect", nullptr, G_VARIANT_TYPE("(s)"),
                                                         G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  while (g_main_context_iteration(nullptr, FALSE)) continue;  // the start signal was sent before that reply
+  // The start signal follows the play reply; wait for it on the main loop (a timer wakes it at the latest).
+  const guint tick = g_timeout_add(50, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+  for (const gint64 end = g_get_monotonic_time() + 5 * G_USEC_PER_SEC; started != 10 && g_get_monotonic_time() < end;) {
+    g_main_context_iteration(nullptr, TRUE);
+  }
+  g_source_remove(tick);
   EXPECT_EQ(started, 10);
   // Its own state, on its debug interface: the player holds one of the two decoders.
   g_autoptr(GVariant) state = g_dbus_connection_call_sync(
