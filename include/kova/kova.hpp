@@ -34,6 +34,7 @@
 #include <climits>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdlib>
 #include <functional>
 #include <list>
 #include <memory>
@@ -132,10 +133,10 @@ constexpr kova_video_codec_e to_c(Codec v) { return static_cast<kova_video_codec
 
 namespace detail {
 
-/* One registration's closure, shared by the subscription and the
- * trampolines. It counts the calls running on each thread, so that a
- * subscription destroyed from inside its own callback leaves the closure to
- * the trampoline, which frees it when the callable returns. */
+/* One registration's closure, handed to the C API as user data. It counts
+ * the calls running on each thread, so that a subscription destroyed from
+ * inside its own callback leaves the closure to the trampoline, which frees
+ * it when the callable returns. */
 template <typename Fn>
 class Box {
  public:
@@ -158,9 +159,10 @@ class Box {
     if (orphan) delete b;
   }
 
-  /* After the C unregistration: frees the box now, or leaves it to the call
-   * running on this thread. */
-  static void Release(Box *b) noexcept {
+  /* After the C unregistration, whose barrier leaves only calls on this
+   * thread: frees the box now, or leaves it to the call running here. */
+  static void Release(void *box) noexcept {
+    auto *b = static_cast<Box *>(box);
     {
       std::lock_guard<std::mutex> lock(b->mutex_);
       if (!b->running_.empty()) {
@@ -396,21 +398,29 @@ Result<Subscription> on_max_resolution_changed(const std::string &app_id, Fn fn)
 
 namespace detail {
 
-/* Best-quality switches: the C registry is keyed by the function, so every
- * C++ subscription shares one C registration of one trampoline, made by the
- * first. Its delivery follows the C registry's: a subscription made during a
- * delivery is first called for the next one; one destroyed before its turn is
- * skipped; destroying one that runs on another thread waits for it. The
- * mutex is never held while a callable runs or the C API is called. When the
- * last one goes, the C registration is dropped from the main context that
- * delivers it (so that dropping it never waits for a delivery, which may be
- * adding a subscription), unless a new one came meanwhile. */
+/* Best-quality switches. The C registry is keyed by the callback's address,
+ * so every C++ subscription shares one C registration of one trampoline,
+ * made by the first; the C++ list keeps the C registry's delivery rules: a
+ * subscription made during a delivery is first called for the next one, one
+ * destroyed before its turn is skipped, and destroying one whose callable
+ * runs on another thread waits for it. mutex_ is never held while a callable
+ * runs or the C API is called.
+ *
+ * When the last subscription goes, the C registration is dropped at once if
+ * no delivery is under way. Otherwise it is dropped just after the delivery,
+ * from an idle callback of the main context that delivered it: dropping it
+ * on another thread during the delivery would wait for the trampoline while
+ * holding c_mutex_, which a callable making a subscription needs, and the C
+ * registry keeps its bus subscription when its last callback goes during a
+ * delivery. */
 class BestQuality {
  public:
   struct Entry {
-    std::function<void(int, int, int)> fn;
+    void *box;
+    void (*call)(void *, int, int, int) noexcept;
+    void (*release)(void *) noexcept;
     bool active = true;
-    std::vector<std::thread::id> running;
+    std::vector<std::thread::id> running;  // threads calling it now
   };
 
   static BestQuality &get() {
@@ -423,7 +433,7 @@ class BestQuality {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       entries_.push_back(entry);
-      if (context_ != nullptr) return 0;
+      if (registered_) return 0;
     }
     const int r = kova_register_best_quality_zone_switched_callback(&BestQuality::trampoline, nullptr);
     std::lock_guard<std::mutex> lock(mutex_);
@@ -431,48 +441,34 @@ class BestQuality {
       entries_.remove(entry);
       return r;
     }
-    context_ = g_main_context_ref_thread_default();
+    registered_ = true;
     return 0;
   }
 
   void remove(const std::shared_ptr<Entry> &entry) {
     const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> lock(mutex_);
-    entry->active = false;
-    entries_.remove(entry);
-    idle_.wait(lock, [&] {
-      return std::all_of(entry->running.begin(), entry->running.end(), [&](std::thread::id t) { return t == self; });
-    });
-    if (!entries_.empty() || context_ == nullptr || drop_scheduled_) return;
-    drop_scheduled_ = true;
-    GSource *source = g_idle_source_new();
-    g_source_set_callback(source, &BestQuality::drop, this, nullptr);
-    g_source_attach(source, context_);
-    g_source_unref(source);
+    bool last = false;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      entry->active = false;
+      entries_.remove(entry);
+      idle_.wait(lock, [&] {
+        return std::all_of(entry->running.begin(), entry->running.end(), [&](std::thread::id t) { return t == self; });
+      });
+      last = entries_.empty();
+    }
+    entry->release(entry->box);
+    if (last) drop_if_unused();
   }
 
  private:
-  static gboolean drop(gpointer self) {
-    auto *r = static_cast<BestQuality *>(self);
-    std::lock_guard<std::mutex> c_calls(r->c_mutex_);
-    GMainContext *context = nullptr;
-    {
-      std::lock_guard<std::mutex> lock(r->mutex_);
-      r->drop_scheduled_ = false;
-      if (!r->entries_.empty()) return G_SOURCE_REMOVE;
-      context = std::exchange(r->context_, nullptr);
-    }
-    kova_unregister_best_quality_zone_switched_callback(&BestQuality::trampoline);
-    g_main_context_unref(context);
-    return G_SOURCE_REMOVE;
-  }
-
   static void trampoline(int first, int second, int third, void *) noexcept {
     BestQuality &r = get();
     const std::thread::id self = std::this_thread::get_id();
     std::vector<std::shared_ptr<Entry>> snapshot;
     {
       std::lock_guard<std::mutex> lock(r.mutex_);
+      ++r.deliveries_;
       snapshot.assign(r.entries_.begin(), r.entries_.end());
     }
     for (const std::shared_ptr<Entry> &e : snapshot) {
@@ -481,19 +477,54 @@ class BestQuality {
         if (!e->active) continue;
         e->running.push_back(self);
       }
-      e->fn(first, second, third);
+      e->call(e->box, first, second, third);
       std::lock_guard<std::mutex> lock(r.mutex_);
       e->running.erase(std::find(e->running.begin(), e->running.end(), self));
       r.idle_.notify_all();
     }
+    r.end_delivery();
   }
 
-  std::mutex c_mutex_;  // serialises the C registration and its drop
+  void end_delivery() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (--deliveries_ > 0 || !drop_after_) return;
+      drop_after_ = false;
+    }
+    GSource *current = g_main_current_source();
+    GSource *idle = g_idle_source_new();
+    g_source_set_callback(
+        idle,
+        [](gpointer) noexcept -> gboolean {
+          get().drop_if_unused();
+          return G_SOURCE_REMOVE;
+        },
+        nullptr, nullptr);
+    g_source_attach(idle, current != nullptr ? g_source_get_context(current) : g_main_context_get_thread_default());
+    g_source_unref(idle);
+  }
+
+  void drop_if_unused() {
+    std::lock_guard<std::mutex> c_calls(c_mutex_);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!entries_.empty() || !registered_) return;
+      if (deliveries_ > 0) {
+        drop_after_ = true;
+        return;
+      }
+      registered_ = false;
+    }
+    kova_unregister_best_quality_zone_switched_callback(&BestQuality::trampoline);
+  }
+
+  std::mutex c_mutex_;  // serialises the C registration and its drop; before mutex_
   std::mutex mutex_;
   std::condition_variable idle_;
   std::list<std::shared_ptr<Entry>> entries_;
-  GMainContext *context_ = nullptr;  // delivers the C registration; null: none
-  bool drop_scheduled_ = false;
+  bool registered_ = false;   // the C registration is in place
+  int deliveries_ = 0;        // trampolines under way
+  bool drop_after_ = false;   // the C registration goes after the deliveries
 };
 
 class BestQualitySlot final : public Slot {
@@ -508,34 +539,53 @@ class BestQualitySlot final : public Slot {
 }  // namespace detail
 
 /* Best-quality zone switches: fn(int first, int second, int third), the
- * service's three integers in its order. */
+ * service's three integers in its order. All such subscriptions share one C
+ * registration, so their callbacks run on the thread-default main context of
+ * the thread that made the first of those alive at the time. */
 template <typename Fn>
 Result<Subscription> on_best_quality_zone_switched(Fn fn) {
   if (detail::empty_callable(fn)) return Result<Subscription>::failure(-1);
   auto entry = std::make_shared<detail::BestQuality::Entry>();
-  entry->fn = std::move(fn);
-  if (const int r = detail::BestQuality::get().add(entry); r != 0) return Result<Subscription>::failure(r);
+  entry->box = new detail::Box<Fn>(std::move(fn));
+  entry->call = [](void *box, int first, int second, int third) noexcept {
+    detail::Box<Fn>::Call(box, first, second, third);
+  };
+  entry->release = &detail::Box<Fn>::Release;
+  if (const int r = detail::BestQuality::get().add(entry); r != 0) {
+    delete static_cast<detail::Box<Fn> *>(entry->box);
+    return Result<Subscription>::failure(r);
+  }
   return Subscription(std::make_unique<detail::BestQualitySlot>(std::move(entry)));
 }
 
 // ------------------------------------------------------------ service presence
 
-/* Watches the kova service's bus name: fn(bool present) when its owner
- * appears (also at once if it is there) and when it vanishes. Uses the
- * process's shared system-bus connection without changing it. Callbacks run
- * on the thread-default main context of the creating thread; destroy it on
- * that thread. */
+/* Watches the kova service's bus name "org.zelta.tv.system.resource" on the
+ * system bus, through the process's shared system-bus connection (the one
+ * the library uses), without changing it. The callable gets true when the
+ * name has an owner (also at once if the service is already there) and false
+ * when it has none. Callbacks run on the thread-default main context of the
+ * creating thread; create and destroy a Presence on that thread. Destroying
+ * it, also from inside its own callback, stops the calls; the closure goes
+ * when GIO releases it (after a running call returns).
+ *
+ * What a player does with it: on false, nothing is registered with the
+ * service any more. On true after a false (a restarted service), register
+ * the player again (register_player, then request_play as at the start) and
+ * re-create the per-application subscriptions (on_resource_changed,
+ * on_max_resolution_changed): destroy the old one first, since the library
+ * still holds its entry and a second one for the same id fails. The other
+ * subscriptions match the service's signals from any sender and keep
+ * working. */
 class Presence {
  public:
   Presence() = default;
   template <typename Fn>
   explicit Presence(Fn fn) {
-    auto *box = new std::function<void(bool)>(std::move(fn));
-    id_ = g_bus_watch_name(
-        G_BUS_TYPE_SYSTEM, "org.zelta.tv.system.resource", G_BUS_NAME_WATCHER_FLAGS_NONE,
-        [](GDBusConnection *, const gchar *, const gchar *, gpointer f) { (*static_cast<std::function<void(bool)> *>(f))(true); },
-        [](GDBusConnection *, const gchar *, gpointer f) { (*static_cast<std::function<void(bool)> *>(f))(false); },
-        box, [](gpointer f) { delete static_cast<std::function<void(bool)> *>(f); });
+    if (detail::empty_callable(fn)) return;
+    id_ = g_bus_watch_name(G_BUS_TYPE_SYSTEM, "org.zelta.tv.system.resource", G_BUS_NAME_WATCHER_FLAGS_NONE,
+                           &Presence::appeared<Fn>, &Presence::vanished<Fn>, new Fn(std::move(fn)),
+                           &Presence::destroy<Fn>);
   }
   Presence(Presence &&o) noexcept : id_(std::exchange(o.id_, 0)) {}
   Presence &operator=(Presence &&o) noexcept {
@@ -548,18 +598,31 @@ class Presence {
   Presence(const Presence &) = delete;
   Presence &operator=(const Presence &) = delete;
   ~Presence() { reset(); }
+
   void reset() {
     if (id_ != 0) g_bus_unwatch_name(std::exchange(id_, 0));
   }
+  bool active() const { return id_ != 0; }
 
  private:
+  template <typename Fn>
+  static void appeared(GDBusConnection *, const gchar *, const gchar *, gpointer fn) noexcept {
+    (*static_cast<Fn *>(fn))(true);
+  }
+  template <typename Fn>
+  static void vanished(GDBusConnection *, const gchar *, gpointer fn) noexcept {
+    (*static_cast<Fn *>(fn))(false);
+  }
+  template <typename Fn>
+  static void destroy(gpointer fn) noexcept {
+    delete static_cast<Fn *>(fn);
+  }
+
   guint id_ = 0;
 };
 
-/* What a player does with it: on false, nothing is registered any more; on
- * true after a false, register the player again and re-create the
- * per-application subscriptions (their old entries answer "already
- * registered" until destroyed). */
+/* Presence of the service: fn(bool present). An empty callable gives an
+ * inactive Presence. */
 template <typename Fn>
 Presence watch_service(Fn fn) {
   return Presence(std::move(fn));
