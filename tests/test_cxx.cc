@@ -1,6 +1,6 @@
 // The C++ layer's own logic: ownership of closures, unregistration on
-// destruction, moves, the shared best-quality registration, ranges and
-// presence. Built as C++17 without exceptions, as a user might build it.
+// destruction, moves, the shared best-quality registration, ranges, null
+// strings and presence. Built as C++17 without exceptions, as a user might.
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -16,6 +16,8 @@
 #include "kova_test.h"
 
 static_assert(!std::is_copy_constructible_v<kova::Subscription>, "a subscription is not copied");
+static_assert(std::is_same_v<decltype(std::declval<kova::Result<kova::ZoneList>>().value()), kova::ZoneList>,
+              "a temporary's value is moved out: a range-for over it keeps it");
 static_assert(kova::to_c(kova::Policy::Game) == KOVA_RSC_POLICY_GAME, "enums keep the C values");
 static_assert(kova::to_c(static_cast<kova::Codec>(9)) == 9, "a value the header does not name passes through");
 
@@ -157,26 +159,44 @@ TEST_F(CxxTest, BestQualityDestructionOnAnotherThreadWaitsForTheCallable) {
 
 TEST_F(CxxTest, ZoneListsAreRangesAndListsAndRecordsFreeThemselves) {
   service().Set("GetMultiviewZoneIds", Answer::Value(g_variant_new_parsed("([(1, 10, 'a'), (2, 20, '')],)")));
-  kova::Result<kova::ZoneList> zones = kova::ZoneList::fetch();
-  ASSERT_TRUE(zones);
   std::string text;
-  for (int pass = 0; pass < 2; ++pass) {
-    for (const kova::Zone &z : zones.value()) text += std::to_string(z.id()) + ":" + std::string(z.app_id()) + " ";
+  for (const kova::Zone &z : kova::ZoneList::fetch().value()) {
+    text += std::to_string(z.id()) + ":" + std::to_string(z.scaler_id()) + ":" + std::string(z.app_id()) + " ";
   }
-  EXPECT_EQ(text, "1:a 2: 1:a 2: ");
+  EXPECT_EQ(text, "1:10:a 2:20: ");
   service().Set("GetMultiviewZoneIds", Answer::Value(g_variant_new_parsed("(@a(iis) [],)")));
   EXPECT_EQ(kova::ZoneList::fetch().error(), -1);
 
-  kova::AppList apps;
-  apps.add(1, "a").add_priorities("b", 2, 3).add(4, "\xff");
-  EXPECT_EQ(apps.size(), 2u);
-  EXPECT_EQ(apps.status().error(), -1);  // the refused one is remembered
-  kova::Result<kova::PolicyInfo> info = kova::PolicyInfo::create("owner");
-  ASSERT_TRUE(info);
-  EXPECT_TRUE(info.value().set_apps(std::move(apps)));
+  kova::AppList apps = kova::AppList().add(1, "a").add_priorities("b", 2, 3);
+  kova::PolicyInfo info = kova::PolicyInfo("owner").apps(std::move(apps)).remove_all_current_apps();
   EXPECT_EQ(apps.get(), nullptr);  // moved into the record, which frees it
-  EXPECT_EQ(kova_app_list_get_count(kova_policy_info_get_app_list(info.value().get())), 2);
-  EXPECT_FALSE(kova::PolicyInfo::create("\xff"));
+  EXPECT_EQ(kova_app_list_get_count(kova_policy_info_get_app_list(info.get())), 2);
+  EXPECT_TRUE(info.get()->remove_all_current_apps && info.status());
+
+  // A refused application is left out and remembered: neither that list nor a record holding it is sent.
+  kova::AppList refused = kova::AppList().add(4, "\xff").add(5, "c");
+  EXPECT_EQ(refused.size(), 1u);
+  const size_t calls = service().CallCount();
+  EXPECT_EQ(kova::set_policy_app_zones(kova::Policy::Game, refused).error(), -1);
+  EXPECT_EQ(kova::PolicyInfo("owner").apps(std::move(refused)).apply(kova::Policy::Game).error(), -1);
+  Sync();
+  EXPECT_EQ(service().CallCount(), calls);
+}
+
+// A null string (a null C string, a string_view without data) reaches the C API as null: its failure, no crash.
+TEST_F(CxxTest, NullStringsGiveTheFailureResult) {
+  const char *none = nullptr;
+  const std::string_view no_data;
+  const std::function<int()> rows[] = {
+      [&] { return kova::on_resource_changed(none, [](auto &&...) {}).error(); },
+      [&] { return kova::on_max_resolution_changed(no_data, [](auto &&...) {}).error(); },
+      [&] { return kova::assign_app_to_zone(none, 1).error(); },
+      [&] { return kova::AppList().add(1, no_data).status().error(); },
+      [&] { return kova::PolicyInfo(none).apps(kova::AppList()).apply(kova::Policy::Game).error(); },
+  };
+  for (const std::function<int()> &row : rows) EXPECT_EQ(row(), -1);
+  Sync();
+  EXPECT_EQ(service().CallCount(), 0u);
 }
 
 TEST_F(CxxTest, PresenceFollowsTheServiceName) {

@@ -1,28 +1,37 @@
 /*
  * libkova-api for C++: a header-only layer over the C API of <kova_api.h>.
  *
- * C++17; needs no exceptions (it builds with -fno-exceptions): every call
- * that can fail returns a kova::Result, holding either a value or the C
- * API's failure code (its int result, -1 unless a function says otherwise).
- * It uses only the exported C functions and, for service presence, GIO.
+ * C++17; needs no exceptions (it builds with -fno-exceptions) and exports
+ * nothing: it uses only the library's exported C functions and, for service
+ * presence, GIO. Every call that can fail returns a kova::Result, holding
+ * either a value or the C API's failure code (its int result, -1 unless a
+ * function says otherwise); Result is [[nodiscard]], so that a subscription
+ * cannot be dropped (and undone) by accident.
+ *
+ * Strings: every string parameter is a kova::StringArg, which takes a C
+ * string, a std::string or a std::string_view. A null C string reaches the C
+ * API as null and comes back as its failure, never as a crash.
  *
  * Subscriptions are values. Each on_* function takes any callable (lambdas
- * with captures included) and returns a move-only kova::Subscription. The
- * closure lives exactly as long as the subscription; destroying (or reset())
- * the subscription unregisters it with the C API's barrier: once that returns
- * on a thread other than the one delivering callbacks, the callable is not
- * running and will not start. Destroyed from inside its own callback it
- * returns at once and the closure goes when the callback returns. The one
- * rule: a callback must not wait for a thread that is destroying that same
- * subscription. Callbacks run as the C API's do: on the thread that iterates
- * the thread-default main context of the subscribing thread, while a main
- * loop runs there. A callable must not throw: an exception escaping it ends
- * the process (the trampolines are noexcept).
+ * with captures included, move-only ones too) and returns a move-only
+ * kova::Subscription. The closure lives exactly as long as the subscription:
+ * destroying (or reset()) the subscription unregisters it with the C API's
+ * barrier and destroys the closure. Once that returns on a thread other than
+ * the one delivering callbacks, the callable is not running and will not
+ * start. Destroyed from inside its own callback it returns at once and the
+ * closure goes when the callable returns. The one rule, as in C: a callback
+ * must not wait for a thread that is destroying that same subscription. A
+ * moved-from or default-constructed subscription does nothing.
+ *
+ * Callbacks run as the C API's do: on the thread that iterates the
+ * thread-default main context of the subscribing thread, while a main loop
+ * runs there. A callable must not throw: the trampolines are noexcept, so an
+ * exception escaping a callable ends the process instead of unwinding
+ * through GLib.
  *
  * After a restart of the kova service every registration with the service
- * is forgotten (see the C header). kova::watch_service tells when the
- * service appears and vanishes; on its return a player registers again and
- * re-creates the per-application subscriptions (destroy, then subscribe).
+ * is forgotten (see the C header); kova::watch_service tells when the
+ * service appears and vanishes, and says what a player does then.
  */
 #ifndef KOVA_KOVA_HPP
 #define KOVA_KOVA_HPP
@@ -53,7 +62,7 @@ namespace kova {
 
 /* A value, or the C API's failure code. */
 template <typename T>
-class Result {
+class [[nodiscard]] Result {
  public:
   Result(T value) : value_(std::move(value)) {}  // NOLINT: a value converts implicitly
   static Result failure(int code) { return Result(code, 0); }
@@ -61,21 +70,41 @@ class Result {
   explicit operator bool() const { return ok(); }
   /* The failure code; 0 for a value. */
   int error() const { return ok() ? 0 : code_; }
-  /* The value; only valid when ok(). */
-  T &value() & { return *value_; }
-  const T &value() const & { return *value_; }
-  T &&value() && { return std::move(*value_); }
-  T value_or(T other) const { return ok() ? *value_ : other; }
+  /* The value. Asking a failure for it ends the process (there is nothing to
+   * throw): check ok() first. On a temporary it is returned by value, so that
+   * `for (auto &z : ZoneList::fetch().value())` holds the list for the loop. */
+  T &value() & {
+    checked();
+    return *value_;
+  }
+  const T &value() const & {
+    checked();
+    return *value_;
+  }
+  T value() && {
+    checked();
+    return std::move(*value_);
+  }
+  T value_or(T other) const & { return ok() ? *value_ : std::move(other); }
+  T value_or(T other) && { return ok() ? std::move(*value_) : std::move(other); }
+  /* Unchecked access, as with std::optional. */
+  T &operator*() & { return *value_; }
+  const T &operator*() const & { return *value_; }
+  T *operator->() { return &*value_; }
+  const T *operator->() const { return &*value_; }
 
  private:
   Result(int code, int) : code_(code) {}
+  void checked() const {
+    if (!ok()) std::abort();
+  }
   std::optional<T> value_;
   int code_ = 0;
 };
 
 /* Success, or the C API's failure code. */
 template <>
-class Result<void> {
+class [[nodiscard]] Result<void> {
  public:
   Result() = default;
   static Result failure(int code) {
@@ -96,9 +125,34 @@ class Result<void> {
 /* 0 as success, anything else as that failure. */
 inline Result<void> check(int result) { return result == 0 ? Result<void>() : Result<void>::failure(result); }
 
+// ---------------------------------------------------------------- strings
+
+/* A string parameter: a C string (null included, passed on as null so that
+ * the C API refuses it as it does in C), a std::string, or a std::string_view
+ * (copied, since the C API needs a terminating NUL; one without data counts
+ * as null). It may point into its argument, so it exists only as a
+ * parameter: it cannot be copied. */
+class StringArg {
+ public:
+  StringArg(const char *s) : s_(s) {}                 // NOLINT: converts implicitly
+  StringArg(const std::string &s) : s_(s.c_str()) {}  // NOLINT: converts implicitly
+  StringArg(std::string_view s)                       // NOLINT: converts implicitly
+      : copy_(s.data() != nullptr ? std::optional<std::string>(s) : std::nullopt),
+        s_(copy_ ? copy_->c_str() : nullptr) {}
+  StringArg(const StringArg &) = delete;
+  StringArg &operator=(const StringArg &) = delete;
+  /* The C string, or null. */
+  const char *c_str() const { return s_; }
+
+ private:
+  std::optional<std::string> copy_;
+  const char *s_;
+};
+
 // ---------------------------------------------------------- typed values
 
-/* The header's values; any other int of the service converts too. */
+/* The header's values; any other int of the service converts both ways
+ * unchanged (static_cast from int, to_c or static_cast back). */
 enum class AudioOut : int { Main = KOVA_AUDIO_OUT_MAIN };
 enum class PlayerAudioOut : int {
   None = KOVA_PLAYER_AUDIO_OUT_NONE,
@@ -132,6 +186,15 @@ constexpr kova_video_codec_e to_c(Codec v) { return static_cast<kova_video_codec
 // ------------------------------------------------------------ subscriptions
 
 namespace detail {
+
+template <typename Fn>
+bool empty_callable(const Fn &fn) {
+  if constexpr (std::is_constructible_v<bool, const Fn &>) {
+    return !static_cast<bool>(fn);
+  } else {
+    return false;
+  }
+}
 
 /* One registration's closure, handed to the C API as user data. It counts
  * the calls running on each thread, so that a subscription destroyed from
@@ -186,6 +249,7 @@ class Slot {
   virtual ~Slot() = default;
 };
 
+/* A C registration of its own: unregistered, then its closure released. */
 template <typename Fn>
 class BoxSlot final : public Slot {
  public:
@@ -202,8 +266,8 @@ class BoxSlot final : public Slot {
 
 }  // namespace detail
 
-/* A registration, undone when destroyed. Move-only; a moved-from or default
- * subscription does nothing. */
+/* A registration, undone when destroyed. Move-only; assigning over an active
+ * subscription undoes the old one first. */
 class Subscription {
  public:
   Subscription() = default;
@@ -214,7 +278,7 @@ class Subscription {
   Subscription &operator=(const Subscription &) = delete;
   ~Subscription() = default;
 
-  /* Unregisters now (with the barrier described above). */
+  /* Unregisters now (with the barrier described at the top). */
   void reset() { slot_.reset(); }
   bool active() const { return slot_ != nullptr; }
 
@@ -223,15 +287,6 @@ class Subscription {
 };
 
 namespace detail {
-
-template <typename Fn>
-bool empty_callable(const Fn &fn) {
-  if constexpr (std::is_constructible_v<bool, const Fn &>) {
-    return !static_cast<bool>(fn);
-  } else {
-    return false;
-  }
-}
 
 /* The families with one C subscription per registration, handle in hand. */
 template <typename Fn, typename CallbackType>
@@ -254,7 +309,8 @@ void player_trampoline(int player_id, void *box) noexcept {
 
 }  // namespace detail
 
-/* Player requests: fn(int player_id) for each request of the kind. */
+/* Player requests: fn(int player_id) for every request of the kind, whichever
+ * player it names (the C API does not filter). */
 template <typename Fn>
 Result<Subscription> on_video_start(Fn fn) {
   return detail::by_handle(std::move(fn), kova_register_player_video_start_request_callback,
@@ -293,7 +349,7 @@ Result<Subscription> on_audio_focus_changed(Fn fn) {
                            kova_unregister_audio_focus_changed_callback, &detail::player_trampoline<Fn>, UINT_MAX);
 }
 
-/* A zone read through its accessors; a view valid as long as its zone. */
+/* A zone read through its fields; a view, valid as long as its zone. */
 class Zone {
  public:
   explicit Zone(const kova_zone *z) : z_(z) {}
@@ -321,9 +377,9 @@ Result<Subscription> on_audio_focus_zone_changed(Fn fn) {
                            kova_unsubscribe_audio_focus_zone_changed, &detail::zone_trampoline<Fn>, 0u);
 }
 
-/* A policy change as its callback sees it: valid during the call. */
+/* A policy change as its callback sees it; the ids are valid during the call. */
 struct PolicyChange {
-  int policy;
+  Policy policy;
   struct App {
     int zone_id;
     std::string_view app_id;
@@ -334,7 +390,7 @@ struct PolicyChange {
 namespace detail {
 template <typename Fn>
 void policy_trampoline(kova_policy_info *info, void *box) noexcept {
-  PolicyChange change{kova_policy_info_get_policy(info), {}};
+  PolicyChange change{static_cast<Policy>(kova_policy_info_get_policy(info)), {}};
   kova_app_list_h list = kova_policy_info_get_app_list(info);
   const int count = kova_app_list_get_count(list);
   for (int i = 0; i < count; ++i) {  // by the count: no error line past the last
@@ -355,9 +411,10 @@ Result<Subscription> on_policy_changed(Fn fn) {
 
 namespace detail {
 
-/* The per-application registries: one callback per application id. */
+/* The per-application registries: one callback per application id, which
+ * the subscription keeps to unregister it. */
 template <typename Fn, typename CallbackType>
-Result<Subscription> by_app(const std::string &app_id, Fn fn, int (*reg)(const char *, CallbackType, void *),
+Result<Subscription> by_app(const StringArg &app_id, Fn fn, int (*reg)(const char *, CallbackType, void *),
                             int (*unreg)(const char *, CallbackType), CallbackType trampoline) {
   if (empty_callable(fn)) return Result<Subscription>::failure(-1);
   auto *box = new Box<Fn>(std::move(fn));
@@ -366,8 +423,8 @@ Result<Subscription> by_app(const std::string &app_id, Fn fn, int (*reg)(const c
     delete box;
     return Result<Subscription>::failure(r);
   }
-  return Subscription(
-      std::make_unique<BoxSlot<Fn>>(box, [unreg, app_id, trampoline] { unreg(app_id.c_str(), trampoline); }));
+  return Subscription(std::make_unique<BoxSlot<Fn>>(
+      box, [unreg, id = std::string(app_id.c_str()), trampoline] { unreg(id.c_str(), trampoline); }));
 }
 
 template <typename Fn>
@@ -382,16 +439,18 @@ void max_resolution_trampoline(const char *app_id, int width, int height, int fr
 }  // namespace detail
 
 /* Resource changes of app_id: fn(std::string_view app_id, const kova_resource &).
- * One subscription per application id (the C registry's rule). */
+ * One subscription per application id (the C registry's rule): a second one
+ * fails while the first lives. */
 template <typename Fn>
-Result<Subscription> on_resource_changed(const std::string &app_id, Fn fn) {
+Result<Subscription> on_resource_changed(const StringArg &app_id, Fn fn) {
   return detail::by_app(app_id, std::move(fn), kova_register_resource_change_callback,
                         kova_unregister_resource_change_callback, &detail::resource_trampoline<Fn>);
 }
 
-/* Maximum-resolution changes of app_id: fn(std::string_view app_id, int width, int height, int framerate). */
+/* Maximum-resolution changes of app_id: fn(std::string_view app_id, int width,
+ * int height, int framerate). One subscription per application id. */
 template <typename Fn>
-Result<Subscription> on_max_resolution_changed(const std::string &app_id, Fn fn) {
+Result<Subscription> on_max_resolution_changed(const StringArg &app_id, Fn fn) {
   return detail::by_app(app_id, std::move(fn), kova_register_max_video_resolution_changed_callback,
                         kova_unregister_max_video_resolution_changed_callback, &detail::max_resolution_trampoline<Fn>);
 }
@@ -646,6 +705,7 @@ class OwnedZone {
   std::unique_ptr<kova_zone, Free> z_;
 };
 
+/* The focused zone and the audio focus zone. */
 inline Result<OwnedZone> focused_zone() {
   kova_zone *z = nullptr;
   const int r = kova_get_focused_zone(&z);
@@ -660,17 +720,20 @@ inline Result<OwnedZone> audio_focus_zone() {
 }
 
 /* A zone list: a range of kova::Zone in the service's order, usable in
- * range-for as often as wanted; freed with it. */
+ * range-for as often as wanted; freed with it. No zones is a failure (-1),
+ * as in C. */
 class ZoneList {
  public:
   using const_iterator = std::vector<Zone>::const_iterator;
 
   static Result<ZoneList> fetch() { return from(kova_get_zone_list); }
+  /* The multi-view list, whose zones report scaler id 0. */
   static Result<ZoneList> fetch_multiview() { return from(kova_get_multiview_zone_list); }
 
   const_iterator begin() const { return zones_.begin(); }
   const_iterator end() const { return zones_.end(); }
   size_t size() const { return zones_.size(); }
+  bool empty() const { return zones_.empty(); }
   const Zone &operator[](size_t i) const { return zones_[i]; }
 
  private:
@@ -693,9 +756,11 @@ class ZoneList {
 
 // ------------------------------------------------------- application lists
 
-/* An application list built fluently: AppList().add(1, "a").add(2, "b").
- * A refused application (an invalid id) is left out and remembered in
- * status(). */
+/* An application list built fluently, also as a temporary:
+ *   kova::AppList().add(1, "a.app").add_priorities("b.app", 2, 3)
+ * An application the C API refuses (a null or non-UTF-8 id) is left out and
+ * the first such failure kept in status(); a list with a failure is not sent
+ * (the sends below return that failure). Freed with the object. */
 class AppList {
  public:
   AppList() : list_(kova_app_list_create_new()) {}
@@ -713,18 +778,25 @@ class AppList {
   ~AppList() { free(); }
 
   /* An application in a zone, priorities 0. */
-  AppList &add(int zone_id, const std::string &app_id) {
+  AppList &add(int zone_id, const StringArg &app_id) & {
     if (list_ == nullptr || kova_app_list_add(list_, zone_id, app_id.c_str()) == nullptr) fail();
     return *this;
   }
-  /* An application with its priorities, zone 0. */
-  AppList &add_priorities(const std::string &app_id, int video, int audio) {
+  AppList &&add(int zone_id, const StringArg &app_id) && { return std::move(add(zone_id, app_id)); }
+  /* An application with its video and audio priorities, zone 0. */
+  AppList &add_priorities(const StringArg &app_id, int video, int audio) & {
     kova_app *app = list_ != nullptr ? kova_app_list_create_new_app(app_id.c_str()) : nullptr;
-    if (app == nullptr) return fail();
+    if (app == nullptr) {
+      fail();
+      return *this;
+    }
     kova_app_set_priority_video(app, video);
     kova_app_set_priority_audio(app, audio);
     kova_app_list_insert_app(list_, app);
     return *this;
+  }
+  AppList &&add_priorities(const StringArg &app_id, int video, int audio) && {
+    return std::move(add_priorities(app_id, video, audio));
   }
 
   size_t size() const { return list_ != nullptr ? static_cast<size_t>(kova_app_list_get_count(list_)) : 0; }
@@ -735,9 +807,8 @@ class AppList {
   kova_app_list_h release() { return std::exchange(list_, nullptr); }
 
  private:
-  AppList &fail() {
-    status_ = Result<void>::failure(-1);
-    return *this;
+  void fail() {
+    if (status_) status_ = Result<void>::failure(-1);
   }
   void free() {
     if (list_ != nullptr) kova_app_list_free(list_);
@@ -746,38 +817,61 @@ class AppList {
   Result<void> status_;
 };
 
-/* A policy info record, freed with it. */
+/* A policy info record, built fluently and freed with the object:
+ *   kova::PolicyInfo("owner").apps(kova::AppList().add(1, "a.app")).apply(kova::Policy::Game)
+ * The first failure (a refused owner name, a list refused by the record or
+ * built with a failure) is kept in status() and returned by apply() without
+ * sending anything. */
 class PolicyInfo {
  public:
-  static Result<PolicyInfo> create(const std::string &owner_name) {
-    kova_policy_info *p = kova_policy_info_create_new(owner_name.c_str());
-    if (p == nullptr) return Result<PolicyInfo>::failure(-1);
-    return PolicyInfo(p);
+  explicit PolicyInfo(const StringArg &owner_name) : info_(kova_policy_info_create_new(owner_name.c_str())) {
+    if (!info_) note(-1);
   }
-  /* Attaches apps, which the record owns from then on (apps is left empty). */
-  Result<void> set_apps(AppList &&apps) {
-    const int r = kova_policy_info_set_app_list(info_.get(), apps.get());
-    if (r == 0) apps.release();
-    return check(r);
+
+  /* Attaches list, which the record owns from then on (list is left empty).
+   * A list the record refuses stays list's. */
+  PolicyInfo &apps(AppList &&list) & {
+    if (!info_) return *this;
+    const int r = kova_policy_info_set_app_list(info_.get(), list.get());
+    if (r != 0) {
+      note(r);
+    } else {
+      list.release();
+      if (!list.status()) note(list.status().error());
+    }
+    return *this;
   }
-  Result<void> set_remove_all_current_apps(bool remove_all) {
-    return check(kova_policy_info_set_option_remove_all_current_apps(info_.get(), remove_all));
+  PolicyInfo &&apps(AppList &&list) && { return std::move(apps(std::move(list))); }
+  PolicyInfo &remove_all_current_apps(bool remove_all = true) & {
+    if (info_) kova_policy_info_set_option_remove_all_current_apps(info_.get(), remove_all);
+    return *this;
   }
+  PolicyInfo &&remove_all_current_apps(bool remove_all = true) && {
+    return std::move(remove_all_current_apps(remove_all));
+  }
+
+  Result<void> status() const { return status_; }
   /* Sets the resource policy on behalf of this record's owner. */
-  Result<void> apply(Policy policy) { return check(kova_set_resource_policy(static_cast<int>(policy), info_.get())); }
+  Result<void> apply(Policy policy) const {
+    if (!status_) return status_;
+    return check(kova_set_resource_policy(static_cast<int>(policy), info_.get()));
+  }
   kova_policy_info *get() const { return info_.get(); }
 
  private:
-  explicit PolicyInfo(kova_policy_info *p) : info_(p) {}
+  void note(int code) {
+    if (status_) status_ = Result<void>::failure(code);
+  }
   struct Free {
     void operator()(kova_policy_info *p) const { kova_policy_info_free(p); }
   };
   std::unique_ptr<kova_policy_info, Free> info_;
+  Result<void> status_;
 };
 
 // -------------------------------------------------------------- plain calls
 
-/* Player lifecycle: the service's results as Results. */
+/* Player lifecycle. register_player gives the player id back. */
 inline Result<int> register_player(int player_id, int value = 0) {
   const int r = kova_player_register(player_id, value);
   if (r != player_id) return Result<int>::failure(-1);
@@ -803,17 +897,17 @@ inline int video_stop_done(int player_id) { return kova_player_video_stop_done(p
 inline int audio_start_done(int player_id) { return kova_player_audio_start_done(player_id); }
 inline int audio_stop_done(int player_id) { return kova_player_audio_stop_done(player_id); }
 
-/* External speakers: the service's integer (which may be negative), or -1
- * for a failed call. */
-inline Result<int> register_speaker(const std::string &name, int value) {
+/* External speakers: the service's integer (which may be negative), or the
+ * failure -1 for a refused argument or a failed call. */
+inline Result<int> register_speaker(const StringArg &name, int value) {
   const int r = kova_extspk_info_register(name.c_str(), value);
   return r == -1 ? Result<int>::failure(-1) : Result<int>(r);
 }
-inline Result<int> unregister_speaker(const std::string &name, int value) {
+inline Result<int> unregister_speaker(const StringArg &name, int value) {
   const int r = kova_extspk_info_unregister(name.c_str(), value);
   return r == -1 ? Result<int>::failure(-1) : Result<int>(r);
 }
-inline Result<AudioOut> speaker_audio_out(const std::string &name) {
+inline Result<AudioOut> speaker_audio_out(const StringArg &name) {
   kova_audio_out_e out = KOVA_AUDIO_OUT_MAIN;
   const int r = kova_get_extspk_info_audio_out(name.c_str(), &out);
   if (r != 0) return Result<AudioOut>::failure(r);
@@ -821,24 +915,24 @@ inline Result<AudioOut> speaker_audio_out(const std::string &name) {
 }
 
 /* Zone assignment and layout: 0 from the service is success. */
-inline Result<void> assign_app_to_zone(const std::string &app_id, int zone_id) {
+inline Result<void> assign_app_to_zone(const StringArg &app_id, int zone_id) {
   return check(kova_set_app_zone_info(app_id.c_str(), zone_id));
 }
-inline Result<void> remove_app_from_zone(const std::string &app_id, int zone_id) {
+inline Result<void> remove_app_from_zone(const StringArg &app_id, int zone_id) {
   return check(kova_remove_app_zone_info(app_id.c_str(), zone_id));
 }
-inline Result<void> pre_assign_app_to_zone(const std::string &app_id, int zone_id) {
+inline Result<void> pre_assign_app_to_zone(const StringArg &app_id, int zone_id) {
   return check(kova_set_pre_assigned_app_zone_info(app_id.c_str(), zone_id));
 }
 /* Sent without waiting for the service. */
-inline Result<void> mark_app_removable(const std::string &app_id, int zone_id) {
+inline Result<void> mark_app_removable(const StringArg &app_id, int zone_id) {
   return check(kova_set_removable_app_zone_info(app_id.c_str(), zone_id));
 }
 inline Result<void> clear_removable_apps() { return check(kova_clear_removable_app_zone_info()); }
 inline Result<void> notify_layout_state(LayoutState state) { return check(kova_notify_layout_state(to_c(state))); }
 
-/* The best-quality zone: the service's integer, or -1 for a refused
- * argument or a failed call. */
+/* The best-quality zone: the service's integer, or the failure -1 for a
+ * refused argument or a failed call. */
 inline Result<int> switch_best_quality_zone(int first, int second) {
   const int r = kova_switch_best_quality_zone(first, second);
   return r == -1 ? Result<int>::failure(-1) : Result<int>(r);
@@ -862,8 +956,8 @@ inline Result<int> last_audio_focus() {
   if (r != 0) return Result<int>::failure(r);
   return focus;
 }
-/* The service's integer, unchanged. */
-inline int is_audio_focused(const std::string &app_id) { return kova_is_audio_focused(app_id.c_str()); }
+/* The service's integer, unchanged; -1 for a null id or a failed call. */
+inline int is_audio_focused(const StringArg &app_id) { return kova_is_audio_focused(app_id.c_str()); }
 
 /* A maximum video resolution. */
 struct Resolution {
@@ -871,7 +965,7 @@ struct Resolution {
   int height = 0;
   int framerate = 0;
 };
-inline Result<Resolution> max_video_resolution(const std::string &app_id) {
+inline Result<Resolution> max_video_resolution(const StringArg &app_id) {
   Resolution r;
   const int result = kova_get_max_video_resolution(app_id.c_str(), &r.width, &r.height, &r.framerate);
   if (result != 0) return Result<Resolution>::failure(result);
@@ -884,25 +978,32 @@ inline Result<Resolution> policy_max_resolution(Policy policy, Codec codec) {
   return r;
 }
 /* The category to use: the requested one or the service's answer; -1 (a
- * failed call) and -4 (an invalid request in policy mode) as failures. */
-inline Result<int> capable_category(int player_id, const std::string &app_id, int category) {
+ * failed call) and -4 (an invalid request while a policy is active) as
+ * failures. app_id may be null, as in C. */
+inline Result<int> capable_category(int player_id, const StringArg &app_id, int category) {
   const int r = kova_get_capable_category_id(player_id, app_id.c_str(), category);
   return r == -1 || r == -4 ? Result<int>::failure(r) : Result<int>(r);
 }
 
-/* The resource policy without an owner, and the list-carrying sends; the
- * lists stay the caller's. */
+/* The resource policy without an owner, and the list-carrying sends. The
+ * lists stay the caller's; one whose building failed is not sent. */
 inline Result<void> set_policy_internal(Policy policy) {
   return check(kova_set_resource_policy_internal(static_cast<int>(policy)));
 }
 inline Result<void> set_policy_app_zones(Policy policy, const AppList &apps) {
+  if (!apps.status()) return apps.status();
   return check(kova_set_resource_policy_app_zone_info(static_cast<int>(policy), apps.get()));
 }
-inline Result<void> set_pre_assigned_apps(const AppList &apps) { return check(kova_set_pre_assigned_app_list(apps.get())); }
+inline Result<void> set_pre_assigned_apps(const AppList &apps) {
+  if (!apps.status()) return apps.status();
+  return check(kova_set_pre_assigned_app_list(apps.get()));
+}
 inline Result<void> register_app_list(int list_type, const AppList &apps) {
+  if (!apps.status()) return apps.status();
   return check(kova_register_app_list(list_type, apps.get()));
 }
 inline Result<void> unregister_app_list(int list_type, const AppList &apps) {
+  if (!apps.status()) return apps.status();
   return check(kova_unregister_app_list(list_type, apps.get()));
 }
 
