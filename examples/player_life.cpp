@@ -32,7 +32,8 @@ struct Player {
     ++run;
     std::printf("the service is there (run %d): registering player %d\n", run, id);
     // The old per-application entry is still registered in the library:
-    // undo it before registering again.
+    // undo it before registering again. The restarted service never heard
+    // of it, so the library logs that the service refused the unregistration.
     resources.reset();
     auto sub = kova::on_resource_changed("example.player", [](std::string_view app, const kova_resource &r) {
       std::printf("resources of %.*s changed: %dx%d\n", static_cast<int>(app.size()), app.data(), r.width, r.height);
