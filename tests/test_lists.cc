@@ -100,6 +100,8 @@ TEST_F(ListTest, EverySendCarriesItsListAndMapsTheAnswer) {
     EXPECT_EQ(LastCall(s.method).args.text(), Sent(LastCall(s.method), s.wire));
     service().SetInt(s.method, 5);
     EXPECT_EQ(s.send(), -1) << s.method;
+    service().Set(s.method, Answer::Error("org.zelta.Error.Failed", "no"));
+    EXPECT_EQ(s.send(), -1) << s.method;
   }
   const std::string answered = Hex(LastCall("RegisterAppList").args.i32(0));
   EXPECT_TRUE(doubles::HasLog("[" + answered + "] RegisterAppList success, result (5)", doubles::kInfo));
