@@ -84,11 +84,35 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl resolution policy game av1", 0, "policy-max-resolution result=0 width=1920"},
       {"kovactl policy app-zones game a.app", 2, "APP:ZONE expected, not 'a.app'"},
       {"kovactl policy internal default", 0, "policy-internal result=0"},
+      {"kovactl status", 0, "org.zelta.tv.system.resource: owner :1."}, {"kovactl status", 0, "  players:\n    -\n      id: 10\n"},
+      {"kovactl --json status", 0, "\"registered_apps\":{\"resource_change\":[],\"max_resolution\":[]}"},
+      {"kovactl player done video-start 10", 0, "player-done result=0\n"},
+      {"kovactl player stop 10", 0, "player-stop result=0\n"},
+      {"kovactl player unregister 10", 0, "player-unregister result=0\n"},
+      {"kovactl speaker audio-out bar", 0, "speaker-audio-out result=0 audio_out=2 source=service\n"},
+      {"kovactl speaker unregister bar 2", 0, "speaker-unregister result=0\n"},
+      {"kovactl zones assign tv.app 1", 0, "zone-assign result=0\n"},
+      {"kovactl zones preassign radio.app 2", 0, "zone-preassign result=0\n"},
+      {"kovactl zones remove tv.app 2", 1, "zone-remove result=-1 error="},
+      {"kovactl zones focused", 0, "focused-zone result=0 zone=1 scaler=0 app=tv.app\n"},
+      {"kovactl zones removable radio.app 2", 0, "zone-removable result=0\n"},
+      {"kovactl zones clear-removable", 0, "zone-clear-removable result=0\n"},
+      {"kovactl focus set 2", 0, "audio-focus-set result=0\n"},
+      {"kovactl focus get", 0, "audio-focus result=0 zone=2\n"},
+      {"kovactl focus last", 0, "last-audio-focus result=0 zone=1\n"},
+      {"kovactl focus is radio.app", 0, "audio-focused result=1\n"},
+      {"kovactl focus zone", 0, "audio-focus-zone result=0 zone=1 scaler=0 app=tv.app\n"},  // the focused zone
+      {"kovactl best-zone switch 2 1", 0, "best-zone-switch result=0\n"},
+      {"kovactl best-zone restore", 0, "best-zone-restore result=0\n"},
+      {"kovactl resolution get tv.app", 0, "max-resolution result=0 width=3840 height=2160 framerate=60\n"},
+      {"kovactl category 1 app.c 5", 0, "capable-category result=5 source=library\n"},
+      {"kovactl policy set game owner tv.app:1:2 --remove-all", 0, "policy-set result=0\n"},
+      {"kovactl policy preassign radio.app:2", 0, "policy-preassign result=0\n"},
+      {"kovactl policy register-list 1 tv.app:1:2", 0, "app-list-register result=0\n"},
+      {"kovactl policy unregister-list 1 tv.app", 0, "app-list-unregister result=0\n"},
       {"kovactl monitor -t -1", 2, "above 0, not '-1'"},
       {"kovactl monitor --register-app ''", 2, "needs a non-empty application id"},
       {"kovactl monitor -t 0.1 --json", 0, "{\"kind\":\"ready\"}"},
-      {"kovactl status", 0, "org.zelta.tv.system.resource: owner :1."}, {"kovactl status", 0, "  players:\n    -\n      id: 10\n"},
-      {"kovactl --json status", 0, "\"registered_apps\":{\"resource_change\":[],\"max_resolution\":[]}"},
   };
   for (const Row &r : rows) {
     const auto [status, output] = Sh(r.line);
@@ -99,7 +123,8 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
 
 // Passive: the monitor registers nothing, and names each field as the interface does.
 TEST_F(KovactlTest, MonitorWatchesWithoutRegisteringAndNamesTheFields) {
-  const char *argv[] = {KOVACTL_PATH, "monitor", "-n", "2", "--json", "--brief", nullptr};
+  ASSERT_EQ(Sh("kovactl focus set 1").first, 0);  // so that the next one is a change
+  const char *argv[] = {KOVACTL_PATH, "monitor", "-n", "2", "-t", "20", "--json", "--brief", nullptr};
   g_autoptr(GSubprocess) monitor = g_subprocess_newv(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, nullptr);
   g_autoptr(GDataInputStream) out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(monitor));
   ASSERT_EQ(Line(out), "{\"kind\":\"ready\"}");
@@ -108,7 +133,7 @@ TEST_F(KovactlTest, MonitorWatchesWithoutRegisteringAndNamesTheFields) {
   EXPECT_TRUE(g_subprocess_wait_check(monitor, nullptr, nullptr));  // -n 2: it ends after two
   EXPECT_THAT(Line(out), ::testing::MatchesRegex("\\{\"kind\":\"signal\",\"signal\":\"AudioFocusChanged\","
                                                  "\"change_id\":\"[0-9A-F]{8}\",\"zone_id\":2,\"scaler_id\":1,"
-                                                 "\"app_id\":\"\"\\}"));
+                                                 "\"app_id\":\"radio.app\"\\}"));
   EXPECT_THAT(Line(out), HasSubstr("\"policy\":1,\"apps\":[{\"app\":\"tv.app\",\"zone\":1}]}"));
 }
 

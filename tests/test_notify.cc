@@ -200,8 +200,9 @@ TEST_P(RegistryTest, ApplicationsShareOneSubscriptionDroppedWithTheLast) {
   EXPECT_EQ(Subscriptions(), 0);  // gone with the last, from inside its callback
   EXPECT_EQ(doubles::CountLogPrefix("failed to unregister app id("), 0);  // the service's 0 is no failure
   service().Set(R().reg_method, Answer::Error("org.zelta.Error.Failed", "no"));
-  EXPECT_EQ(R().reg("app.c", &a), -1);  // a failed call registers nothing
+  EXPECT_EQ(R().reg("app.c", &a), -1);  // a failed call registers nothing, nor drops a subscription it never made
   EXPECT_EQ(R().unreg("app.c"), -1);
+  EXPECT_EQ(doubles::CountLogPrefix("unsubscribe "), 1);
 }
 
 // app.late's registration waits for the service, answered `answer`, while this thread unregisters `gone`
