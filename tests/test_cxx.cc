@@ -72,6 +72,9 @@ TEST_F(CxxTest, ASubscriptionOwnsItsClosureAndUnregistersWhenDestroyed) {
   Sync();
   EXPECT_THAT(seen, ElementsAre(1, 2));
   EXPECT_FALSE(kova::on_video_start(std::function<void(int)>()));  // an empty callable is refused
+  // A per-application subscription unregisters by its own copy of the id: the id is free again after it.
+  service().SetInt("RscChangeRegId", 0);
+  for (int round = 0; round < 2; ++round) EXPECT_TRUE(kova::on_resource_changed(std::string("x.app"), [](auto &&...) {}));
 }
 
 // Destroyed from inside its own callback: it returns at once, the closure goes when the call returns.
