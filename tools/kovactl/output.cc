@@ -239,7 +239,12 @@ int Finish(Record &rec, int result, bool failed, bool with_source) {
     rec.Print();
     return kOk;
   }
-  std::vector<std::string> reasons = library_log::Errors();
+  std::vector<std::string> reasons;
+  for (const std::string &line : library_log::Errors()) {
+    // Every list the library sends is walked to its end, which it logs as an
+    // error even when all is well: not a reason.
+    if (line != "no next app" && line != "invalid list") reasons.push_back(line);
+  }
   if (reasons.empty()) reasons.push_back("the library answered " + std::to_string(result) + " (" +
                                          library_log::Last() + ")");
   std::string joined;
