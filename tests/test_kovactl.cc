@@ -26,7 +26,8 @@ std::string Line(GDataInputStream *in) {
 
 // Runs a command line (kovactl standing for the binary) to its end: exit status, stdout then stderr.
 std::pair<int, std::string> Sh(const std::string &line) {
-  const std::string command = std::regex_replace(line, std::regex("\\bkovactl\\b"), KOVACTL_PATH);
+  const std::string command = std::regex_replace(
+      std::regex_replace(line, std::regex("\\bkovactl\\b"), KOVACTL_PATH), std::regex("^kova-sim\\b"), KOVA_SIM_PATH);
   g_autofree gchar *out = nullptr;
   g_autofree gchar *err = nullptr;
   int status = 0;
@@ -85,7 +86,9 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl policy app-zones game a.app", 2, "APP:ZONE expected, not 'a.app'"},
       {"kovactl policy internal default", 0, "policy-internal result=0"},
       {"kovactl status", 0, "org.zelta.tv.system.resource: owner :1."}, {"kovactl status", 0, "  players:\n    -\n      id: 10\n"},
+      {"kovactl status", 0, " (kova-sim)\nready marker     present ("},
       {"kovactl --json status", 0, "\"registered_apps\":{\"resource_change\":[],\"max_resolution\":[]}"},
+      {"kovactl --json status", 0, "\"ready\":true,\"policy_active\":false}"},
       {"kovactl player done video-start 10", 0, "player-done result=0\n"},
       {"kovactl player stop 10", 0, "player-stop result=0\n"},
       {"kovactl player unregister 10", 0, "player-unregister result=0\n"},
@@ -111,6 +114,11 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl policy register-list 1 tv.app:1:2", 0, "app-list-register result=0\n"},
       {"kovactl policy unregister-list 1 tv.app", 0, "app-list-unregister result=0\n"},
       {"kovactl monitor -t -1", 2, "above 0, not '-1'"},
+      {"kovactl monitor -t 0", 2, "above 0, not '0'"},
+      {"kovactl resolution policy --help", 0, "POLICY  default (0), multiview (1), game (2) or an integer"},
+      {"kova-sim --sh-syntax", 3, "is already owned"},  // on the suite's bus, which the suite's sim serves
+      {"kova-sim --config /nonexistent", 2, "/nonexistent: cannot read the file"},
+      {"kova-sim extra", 2, "unexpected argument 'extra'"},
       {"kovactl monitor --register-app ''", 2, "needs a non-empty application id"},
       {"kovactl monitor -t 0.1 --json", 0, "{\"kind\":\"ready\"}"},
   };

@@ -94,6 +94,45 @@ TEST(SimPolicy, SettersSignalTheAppsAndTheirZones) {
   EXPECT_EQ(Layout(k), "x|y| focus 2/1");
 }
 
+// What each call refuses, on a service where player 10 is registered and idle.
+TEST(SimRefusals, EachCallRefusesWhatItCannotDo) {
+  using Call = int (*)(Kova &);
+  const std::pair<const char *, Call> rows[] = {
+      {"play, unknown player", [](Kova &k) { return k.PlayerRequestPlay(1, 99); }},
+      {"video start not awaited", [](Kova &k) { return k.PlayerVideoStartDone(10); }},
+      {"audio start not awaited", [](Kova &k) { return k.PlayerAudioStartDone(10); }},
+      {"stop not under way", [](Kova &k) { return k.PlayerAudioStopDone(10); }},
+      {"speaker without a name", [](Kova &k) { return k.RegisterExtSpk(1, "", 1); }},
+      {"speaker on output 0", [](Kova &k) { return k.RegisterExtSpk(1, "s", 0); }},
+      {"speaker on output 3", [](Kova &k) { return k.RegisterExtSpk(1, "s", 3); }},
+      {"unknown speaker", [](Kova &k) { return k.UnregisterExtSpk(1, "s", 1); }},
+      {"assign no app", [](Kova &k) { return k.SetAppToZone("", 1); }},
+      {"assign zone 0", [](Kova &k) { return k.SetAppToZone("a", 0); }},
+      {"assign zone 3", [](Kova &k) { return k.SetAppToZone("a", 3); }},
+      {"pre-assign zone 9", [](Kova &k) { return k.SetPreAssignedAppToZone("a", 9); }},
+      {"remove from zone 9", [](Kova &k) { return k.RemoveAppFromZone("a", 9); }},
+      {"best zone 9", [](Kova &k) { return k.SwitchBestQualityZone(9, 0); }},
+      {"best zone option -1", [](Kova &k) { return k.SwitchBestQualityZone(1, -1); }},
+      {"focus zone 3", [](Kova &k) { return k.SetAudioFocus(1, 3); }},
+      {"resource change, no app", [](Kova &k) { return k.RscChangeRegister(""); }},
+      {"max video, no app", [](Kova &k) { return k.MaxVideoRegister(""); }},
+      {"policy -1 with an owner", [](Kova &k) { return k.SetPolicyWithOwner(1, -1, "o", false); }},
+      {"policy list, count 3 of 1", [](Kova &k) { return k.SetPolicyWithAppList(1, 1, "o", false, 3, {{"a", 1, 1}}); }},
+      {"internal policy past int", [](Kova &k) { return k.SetPolicyInternal(1, 0x80000000u); }},
+      {"apps to zones, count 2 of 1", [](Kova &k) { return k.SetPolicyAppToZone(1, 1, 2, {{1, "a"}}); }},
+      {"apps to zone 9", [](Kova &k) { return k.SetPolicyAppToZone(1, 1, 1, {{9, "a"}}); }},
+      {"pre-assigned to zone 9", [](Kova &k) { return k.SetPreAssignedAppList({{9, "a"}}); }},
+      {"list of 1 counted 2", [](Kova &k) { return k.RegisterAppList(1, 2, {{"a", 1, 1}}); }},
+      {"unregister list counted 2", [](Kova &k) { return k.UnregisterAppList(1, 2, {"a"}); }},
+      {"unregister from no list", [](Kova &k) { return k.UnregisterAppList(1, 1, {"a"}); }},
+  };
+  for (const auto &[what, call] : rows) {
+    Kova k{Config{}};
+    k.PlayerRegister(1, 10, 0);
+    EXPECT_EQ(call(k), -1) << what;
+  }
+}
+
 // Every key with its range, every mistake with its line; a good file sets what it names.
 TEST(SimConfig, EachKeyTakesItsRangeAndEachMistakeNamesItsLine) {
   const std::pair<const char *, const char *> rows[] = {
@@ -103,6 +142,7 @@ TEST(SimConfig, EachKeyTakesItsRangeAndEachMistakeNamesItsLine) {
       {"audio_outputs = 3", "line 1: audio_outputs: 3 is out of range 1..2"},
       {"zones = 5", "line 1: zones: 5 is out of range 1..4"},
       {"best_quality_zone = 0", "line 1: best_quality_zone: 0 is out of range 1..4"},
+      {"best_quality_zone = 5", "line 1: best_quality_zone: 5 is out of range 1..4"},
       {"audio_focus = -1", "line 1: audio_focus: -1 is out of range 0..4"},
       {"stop_timeout_ms = 60001", "line 1: stop_timeout_ms: 60001 is out of range 1..60000"},
       {"zones = two", "line 1: zones: 'two' is not an integer"},
