@@ -180,6 +180,9 @@ TEST_F(RefusalTest, EveryRefusalAnswersItsResultWithOneLineAndSendsNothing) {
   EXPECT_THAT(doubles::Messages(), ::testing::IsSupersetOf({"invalid app", "invalid app id", "invalid app list",
                                                             "app list is already set"}));
   kova_policy_info_free(info);
+  const int errors = ErrorLines();
+  kova_policy_info_free(kova_policy_info_create_new(""));  // without a list there is no list to free
+  EXPECT_EQ(ErrorLines(), errors);
   // In policy mode a refused capable-category lookup answers -4.
   doubles::SetMarker("/tmp/.rsc_policy_activated", true);
   EXPECT_EQ(kova_get_capable_category_id(1, nullptr, 5), -4);
