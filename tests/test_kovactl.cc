@@ -46,9 +46,10 @@ class KovactlTest : public ::testing::Test {
     g_autoptr(GDataInputStream) out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(sim_));
     const std::string address = Line(out);  // DBUS_SYSTEM_BUS_ADDRESS=...
     g_setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str() + address.find('=') + 1, TRUE);
-    ASSERT_EQ(Line(out), "PELK_ROOT=" + markers_);
-    ASSERT_EQ(Line(out), "ready");
+    started_ = Line(out) == "PELK_ROOT=" + markers_ && Line(out) == "ready";
   }
+  // A suite that could not start its service fails each test (rather than skipping it).
+  void SetUp() override { ASSERT_TRUE(started_) << "kova-sim did not start as expected"; }
   static void TearDownTestSuite() {
     g_subprocess_send_signal(sim_, SIGTERM);  // it removes its markers and its bus
     g_subprocess_wait(sim_, nullptr, nullptr);
@@ -57,6 +58,7 @@ class KovactlTest : public ::testing::Test {
   }
   static inline std::string markers_;
   static inline GSubprocess *sim_ = nullptr;
+  static inline bool started_ = false;
 };
 
 struct Row {
@@ -72,7 +74,10 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl --version", 0, "kovactl 0.1.0"},
       {"kovactl zones layout --help", 0, "none (0), single (1), multiview (2), changing (3)"},
       {"kovactl player play five", 2, "player id must be an integer, not 'five'"},
-      {"kovactl player register 10", 0, "player-register result=10\n"},
+      {"kovactl player register 10 7", 0, "player-register result=10\n"},
+      {"kovactl player register 1 2 3", 2, "usage: kovactl player register ID [VALUE]"},
+      {"kovactl zones assign a 1 2", 2, "usage: kovactl zones assign APP ZONE"},
+      {"kovactl speaker register --help", 0, "OUTPUT  main (1), sub (2) or an integer"},
       {"kovactl player play 10", 0, "player-play result=0 audio_out=1 source=service\n"},
       {"kovactl player done audio-stop 5 --json", 1,
        "{\"kind\":\"player-done\",\"result\":-1,\"error\":\"the library answered -1 ("},
@@ -85,7 +90,8 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl resolution policy game av1", 0, "policy-max-resolution result=0 width=1920"},
       {"kovactl policy app-zones game a.app", 2, "APP:ZONE expected, not 'a.app'"},
       {"kovactl policy internal default", 0, "policy-internal result=0"},
-      {"kovactl status", 0, "org.zelta.tv.system.resource: owner :1."}, {"kovactl status", 0, "  players:\n    -\n      id: 10\n"},
+      {"kovactl status", 0, "org.zelta.tv.system.resource: owner :1."}, {"kovactl status", 0, "  players:\n    -\n      id: 10\n      value: 7\n"},
+      {"kovactl status", 0, "\nfocused zone     1 (scaler 0, app -)\naudio focus      1 (last none)\npolicy           0 (owner -;"},
       {"kovactl status", 0, " (kova-sim)\nready marker     present ("},
       {"kovactl --json status", 0, "\"registered_apps\":{\"resource_change\":[],\"max_resolution\":[]}"},
       {"kovactl --json status", 0, "\"ready\":true,\"policy_active\":false}"},
@@ -111,7 +117,10 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl category 1 app.c 5", 0, "capable-category result=5 source=library\n"},
       {"kovactl policy set game owner tv.app:1:2 --remove-all", 0, "policy-set result=0\n"},
       {"kovactl policy preassign radio.app:2", 0, "policy-preassign result=0\n"},
+      {"kovactl --json status", 0, "\"policy\":{\"value\":2,\"owner\":\"owner\"}"},
+      {"kovactl policy preassign", 0, "policy-preassign result=0\n"},
       {"kovactl policy register-list 1 tv.app:1:2", 0, "app-list-register result=0\n"},
+      {"kovactl --json status", 0, "\"app_lists\":{\"1\":[\"tv.app\"]}"},
       {"kovactl policy unregister-list 1 tv.app", 0, "app-list-unregister result=0\n"},
       {"kovactl monitor -t -1", 2, "above 0, not '-1'"},
       {"kovactl monitor -t 0", 2, "above 0, not '0'"},
@@ -132,10 +141,15 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
 // Passive: the monitor registers nothing, and names each field as the interface does.
 TEST_F(KovactlTest, MonitorWatchesWithoutRegisteringAndNamesTheFields) {
   ASSERT_EQ(Sh("kovactl focus set 1").first, 0);  // so that the next one is a change
-  const char *argv[] = {KOVACTL_PATH, "monitor", "-n", "2", "-t", "20", "--json", "--brief", nullptr};
+  // Bounded from outside, so that a monitor that stops too early shows.
+  const char *argv[] = {"timeout", "20", KOVACTL_PATH, "monitor", "-n", "2", "--json", "--brief", nullptr};
+  const char *text_argv[] = {KOVACTL_PATH, "monitor", "-n", "1", nullptr};
   g_autoptr(GSubprocess) monitor = g_subprocess_newv(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, nullptr);
+  g_autoptr(GSubprocess) text = g_subprocess_newv(text_argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, nullptr);
   g_autoptr(GDataInputStream) out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(monitor));
+  g_autoptr(GDataInputStream) text_out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(text));
   ASSERT_EQ(Line(out), "{\"kind\":\"ready\"}");
+  ASSERT_EQ(Line(text_out), "ready");
   ASSERT_EQ(Sh("kovactl focus set 2").first, 0);
   ASSERT_EQ(Sh("kovactl policy app-zones multiview tv.app:1").first, 0);
   EXPECT_TRUE(g_subprocess_wait_check(monitor, nullptr, nullptr));  // -n 2: it ends after two
@@ -143,6 +157,9 @@ TEST_F(KovactlTest, MonitorWatchesWithoutRegisteringAndNamesTheFields) {
                                                  "\"change_id\":\"[0-9A-F]{8}\",\"zone_id\":2,\"scaler_id\":1,"
                                                  "\"app_id\":\"[^\"]*\"\\}"));
   EXPECT_THAT(Line(out), HasSubstr("\"policy\":1,\"apps\":[{\"app\":\"tv.app\",\"zone\":1}]}"));
+  EXPECT_TRUE(g_subprocess_wait_check(text, nullptr, nullptr));
+  EXPECT_THAT(Line(text_out), ::testing::MatchesRegex("[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} :1\\.[0-9]+ "
+                                                      "AudioFocusChanged change_id=[0-9A-F]{8} zone_id=2 .*"));
 }
 
 // Every command the help lists can be completed.

@@ -69,6 +69,7 @@ TEST(SimBus, RefusesABadConfigurationAndServesTheLibraryAndEveryDescribedMethod)
   g_autofree gchar *state_text = g_variant_print(state, FALSE);
   EXPECT_THAT(state_text, ::testing::HasSubstr("[{'id': <10>, 'value': <0>, 'state': <'playing'>, 'audio_out': <1>"));
   EXPECT_THAT(state_text, ::testing::HasSubstr("'decoders': <{'total': <2>, 'free': <1>}>"));
+  EXPECT_THAT(state_text, ::testing::HasSubstr("'last_audio_focus': <0>, 'layout_state': <0>"));
 
   ASSERT_NE(xml, nullptr);
   const char *text = nullptr;

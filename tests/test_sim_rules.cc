@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "config.h"
+#include "debug.h"
 #include "rules.h"
 
 namespace kova_sim {
@@ -42,12 +43,30 @@ TEST(SimPlayers, TheHolderHandsOverWhenItAcknowledgesTimesOutOrUnregisters) {
     EXPECT_THAT(out.signals, ElementsAre(Req(kVideoStart, 100, 10), Req(kAudioStart, 100, 10),
                                          Req(kVideoStop, 200, 10), Req(kAudioStop, 200, 10)));
     ASSERT_THAT(out.timers, ElementsAre(::testing::Field(&StopTimer::ms, 3000)));
-    EXPECT_EQ(k.Snap().players.at(0).stopping_for, 20);
+    g_autoptr(GVariant) state = g_variant_ref_sink(StateVariant(k.Snap()));
+    g_autofree gchar *text = g_variant_print(state, FALSE);
+    EXPECT_THAT(text, ::testing::HasSubstr("'awaiting': <['video-stop', 'audio-stop']>, 'stopping_for': <20>}"));
     let_go(k, out.timers[0].serial);
     EXPECT_THAT(k.TakeOutbox().signals, ElementsAre(Req(kVideoStart, 200, 20), Req(kAudioStart, 200, 20)));
     EXPECT_FALSE(k.StopTimedOut(10, out.timers[0].serial));  // a finished stop's timer does nothing
     EXPECT_THAT(k.TakeOutbox().signals, ::testing::IsEmpty());
   }
+}
+
+// Each acknowledgement is awaited once; a stop drops the starts still awaited.
+TEST(SimPlayers, EachAcknowledgementIsAwaitedOnce) {
+  Kova k{Config{}};
+  k.PlayerRegister(1, 10, 0);
+  k.PlayerRequestPlay(2, 10);
+  EXPECT_EQ(k.PlayerVideoStartDone(10) + k.PlayerAudioStartDone(10), 0);
+  EXPECT_EQ(k.PlayerVideoStartDone(10) + k.PlayerAudioStartDone(10), -2);
+  k.PlayerRequestStop(4, 10);
+  EXPECT_EQ(k.PlayerVideoStopDone(10) + k.PlayerAudioStopDone(10), 0);
+  EXPECT_EQ(k.PlayerVideoStopDone(10) + k.PlayerAudioStopDone(10), -2);
+  EXPECT_EQ(std::string(k.Snap().players.at(0).state) + " " + std::to_string(k.free_decoders()), "idle 2");
+  k.PlayerRequestPlay(5, 10);
+  k.PlayerRequestStop(6, 10);  // before the starts were acknowledged
+  EXPECT_EQ(k.PlayerVideoStartDone(10) + k.PlayerAudioStartDone(10), -2);
 }
 
 // Outputs go in turn, main, second, then none; a speaker on an output resyncs the player on it.
@@ -70,6 +89,8 @@ TEST(SimZones, AssignmentMovesAppAndFocusAndGrantChangesAreSignalled) {
   EXPECT_EQ(k.SetAppToZone("c", 1) + k.SetAppToZone("c", 2) + k.SetAppToZone("a", 1), 0);
   EXPECT_EQ(Layout(k), "a|c| focus 1/0");
   EXPECT_EQ(k.RemoveAppFromZone("a", 2), -1);  // it is not there
+  EXPECT_EQ(k.PolicyMaxVideo(0, 0), main);
+  EXPECT_EQ(k.PolicyMaxVideo(1, 0), sub);
   EXPECT_EQ(k.RscChangeRegister("a") + k.RscChangeRegister("c") + k.MaxVideoRegister("c"), 0);
   k.TakeOutbox();
   EXPECT_EQ(Did(k, k.SwitchBestQualityZone(2, 5)),
@@ -125,6 +146,11 @@ TEST(SimRefusals, EachCallRefusesWhatItCannotDo) {
       {"list of 1 counted 2", [](Kova &k) { return k.RegisterAppList(1, 2, {{"a", 1, 1}}); }},
       {"unregister list counted 2", [](Kova &k) { return k.UnregisterAppList(1, 2, {"a"}); }},
       {"unregister from no list", [](Kova &k) { return k.UnregisterAppList(1, 1, {"a"}); }},
+      {"unregister an app not listed",
+       [](Kova &k) { return k.RegisterAppList(1, 1, {{"a", 1, 1}}) + k.UnregisterAppList(1, 1, {"b"}); }},
+      {"remove from the zone it is in, then again",
+       [](Kova &k) { return k.SetAppToZone("a", 1) + k.RemoveAppFromZone("a", 1) + k.RemoveAppFromZone("a", 1); }},
+      {"nothing from no list is fine", [](Kova &k) { return k.UnregisterAppList(7, 0, {}) - 1; }},
   };
   for (const auto &[what, call] : rows) {
     Kova k{Config{}};
@@ -146,6 +172,8 @@ TEST(SimConfig, EachKeyTakesItsRangeAndEachMistakeNamesItsLine) {
       {"audio_focus = -1", "line 1: audio_focus: -1 is out of range 0..4"},
       {"stop_timeout_ms = 60001", "line 1: stop_timeout_ms: 60001 is out of range 1..60000"},
       {"zones = two", "line 1: zones: 'two' is not an integer"},
+      {"zones = 2x", "line 1: zones: '2x' is not an integer"},
+      {"main_video = 1x1@1\nsub_video = 2x2@2", ""},
       {"main_video = 1920x1080", "line 1: main_video: '1920x1080' is not WIDTHxHEIGHT@FRAMERATE"},
       {"sub_video = 0x1@1", "line 1: sub_video: '0x1@1' is not WIDTHxHEIGHT@FRAMERATE"},
       {"main_video = 1@2x3", "line 1: main_video: '1@2x3' is not WIDTHxHEIGHT@FRAMERATE"},

@@ -42,7 +42,6 @@ class Record {
   explicit Record(const std::string &kind);
   Record &Int(const char *key, long long v);
   Record &Str(const char *key, const std::string &v);
-  Record &Bool(const char *key, bool v);
   // A value written as it is: json in JSON, text in text.
   Record &Raw(const char *key, const std::string &json, const std::string &text);
   // A string that text shows without its key.

@@ -44,7 +44,6 @@ Record &Record::Str(const char *key, const std::string &v) {
   const bool quote = v.find_first_of(" \t\"") != std::string::npos;
   return Raw(key, JsonString(v), v.empty() ? "-" : quote ? JsonString(v) : v);
 }
-Record &Record::Bool(const char *key, bool v) { return Raw(key, v ? "true" : "false", v ? "yes" : "no"); }
 Record &Record::Raw(const char *key, const std::string &json, const std::string &text) {
   fields_.push_back({key, json, text, false});
   return *this;
