@@ -82,11 +82,19 @@ TEST_F(ListTest, EverySendCarriesItsListAndMapsTheAnswer) {
   ASSERT_EQ(kova_policy_info_set_app_list(owner, kova_app_list_create_new()), 0);
   ASSERT_EQ(kova_policy_info_set_option_remove_all_current_apps(owner, true), 0);
   ASSERT_EQ(kova_policy_info_set_app_list(one, kova_app_list_add(kova_app_list_create_new(), 6, "D")), 0);
+  // The same records asking, or not, for every current app to be removed.
+  const auto asking = [](kova_policy_info *info, bool all) {
+    return kova_policy_info_set_option_remove_all_current_apps(info, all), info;
+  };
   struct Send { const char *method; std::function<int()> send; const char *wire; };  // wire: after "(<cmd>, "
   const Send sends[] = {
       {"SetResourcePolicyWithOwner", [&] { return kova_set_resource_policy(1, owner); }, "1, %p, 'O', 1)"},
       {"SetResourcePolicyWithAppList", [&] { return kova_set_resource_policy(1, one); },
        "1, %p, 'O', 0, 1, [('D', 0, 0)])"},
+      {"SetResourcePolicyWithAppList", [&] { return kova_set_resource_policy(2, asking(one, true)); },
+       "2, %p, 'O', 1, 1, [('D', 0, 0)])"},
+      {"SetResourcePolicyWithOwner", [&] { return kova_set_resource_policy(2, asking(owner, false)); },
+       "2, %p, 'O', 0)"},
       {"SetResourcePolicyInternal", [] { return kova_set_resource_policy_internal(-1); }, "4294967295, %p)"},
       {"SetResourcePolicyAppToZone", [&] { return kova_set_resource_policy_app_zone_info(4, list); },
        "4, %p, 2, [(1, 'A'), (2, 'B')])"},

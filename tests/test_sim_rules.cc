@@ -81,6 +81,21 @@ TEST(SimPlayers, OutputsGoInTurnAndASpeakerResyncsItsPlayer) {
   EXPECT_EQ(Did(k, k.RegisterExtSpk(5, "soundbar", kAudioOutSub)), Answer(0, {Req(kAudioResync, 5, 20)}));
 }
 
+// A holder without an output hands over whatever output is free when it has stopped.
+TEST(SimPlayers, AHandoverGrantsTheOutputFreeWhenTheHolderHasStopped) {
+  Kova k{Config{.video_decoders = 2, .audio_outputs = 1, .capable_categories = {}}};
+  for (int id : {10, 20, 30, 40}) k.PlayerRegister(1, id, 0);
+  EXPECT_EQ(k.PlayerRequestPlay(1, 10) * 10 + k.PlayerRequestPlay(2, 20), kAudioOutMain * 10 + kAudioOutNone);
+  k.PlayerRequestStop(3, 10);
+  EXPECT_EQ(k.PlayerVideoStopDone(10) + k.PlayerAudioStopDone(10), 0);
+  EXPECT_EQ(k.PlayerRequestPlay(4, 30), kAudioOutMain);
+  EXPECT_EQ(k.PlayerRequestPlay(5, 40), kAudioOutNone);  // 20, the oldest, stops for it: it has no output
+  k.PlayerRequestStop(6, 30);
+  EXPECT_EQ(k.PlayerVideoStopDone(30) + k.PlayerAudioStopDone(30), 0);
+  k.TakeOutbox();
+  EXPECT_EQ(Did(k, k.PlayerVideoStopDone(20)), Answer(0, {Req(kVideoStart, 5, 40), Req(kAudioStart, 5, 40)}));
+}
+
 // An app is in one zone at a time and assigning moves the focus; best-quality and audio-focus
 // changes are signalled, with the grants they alter, to the apps that registered.
 TEST(SimZones, AssignmentMovesAppAndFocusAndGrantChangesAreSignalled) {

@@ -389,17 +389,17 @@ const std::vector<Command> &Commands() {
        2, kAny, PolicySet},
       {"policy", "internal", "POLICY", "set the resource policy alone",
        "  POLICY  default (0), multiview (1), game (2) or an integer\n", 1, 1, PolicyInternal},
-      {"policy", "app-zones", "POLICY APP:ZONE...", "set the policy with applications in zones",
+      {"policy", "app-zones", "POLICY [APP:ZONE...]", "set the policy with applications in zones",
        "  POLICY    default (0), multiview (1), game (2) or an integer\n"
        "  APP:ZONE  an application and its zone id\n",
        1, kAny, PolicyAppZones},
-      {"policy", "preassign", "APP:ZONE...", "send the list of pre-assigned applications",
+      {"policy", "preassign", "[APP:ZONE...]", "send the list of pre-assigned applications",
        "  APP:ZONE  an application and its zone id\n", 0, kAny, PolicyPreassign},
-      {"policy", "register-list", "TYPE APP[:VIDEO[:AUDIO]]...", "register an application list",
+      {"policy", "register-list", "TYPE [APP[:VIDEO[:AUDIO]]...]", "register an application list",
        "  TYPE             the list type, an integer the service interprets\n"
        "  APP:VIDEO:AUDIO  an application with its priorities (default 0)\n",
        1, kAny, PolicyRegisterList},
-      {"policy", "unregister-list", "TYPE APP...", "unregister an application list",
+      {"policy", "unregister-list", "TYPE [APP...]", "unregister an application list",
        "  TYPE  the list type\n"
        "  APP   an application id\n",
        1, kAny, PolicyUnregisterList},
