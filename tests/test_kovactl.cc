@@ -117,6 +117,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl best-zone restore", 0, "best-zone-restore result=0\n"},
       {"kovactl resolution get tv.app", 0, "max-resolution result=0 width=3840 height=2160 framerate=60\n"},
       {"kovactl category 1 app.c 5", 0, "capable-category result=5 source=library\n"},
+      {"kovactl policy set game '\xff'", 1, "policy-set result=-1 error=\"invalid owner name\""},
       {"kovactl policy set game owner --remove-all", 0, "policy-set result=0\n"},
       {"kovactl zones list", 0, "zone zone=1 scaler=0 app=-\n"},  // tv.app was removed
       {"kovactl zones assign tv.app 1", 0, "zone-assign result=0\n"},
@@ -125,8 +126,8 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl policy preassign radio.app:2", 0, "policy-preassign result=0\n"},
       {"kovactl --json status", 0, "\"policy\":{\"value\":2,\"owner\":\"owner\"}"},
       {"kovactl policy preassign", 0, "policy-preassign result=0\n"},
-      {"kovactl policy register-list 1 tv.app:1:2", 0, "app-list-register result=0\n"},
-      {"kovactl --json status", 0, "\"app_lists\":{\"1\":[\"tv.app\"]}"},
+      {"kovactl policy register-list 1 tv.app:1:2 b.app", 0, "app-list-register result=0\n"},
+      {"kovactl --json status", 0, "\"app_lists\":{\"1\":[\"b.app:0:0\",\"tv.app:1:2\"]}"},
       {"kovactl policy unregister-list 1 tv.app", 0, "app-list-unregister result=0\n"},
       {"kovactl monitor -t -1", 2, "above 0, not '-1'"},
       {"kovactl monitor -t 0", 2, "above 0, not '0'"},

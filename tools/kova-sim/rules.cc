@@ -82,7 +82,9 @@ Snapshot Kova::Snap() const {
   for (const auto &[app, grant] : rsc_regs_) s.resource_change_apps.push_back(app);
   for (const auto &[app, max] : rez_regs_) s.max_resolution_apps.push_back(app);
   for (const auto &[type, apps] : app_lists_) {
-    for (const auto &[app, priorities] : apps) s.app_lists[type].push_back(app);
+    for (const auto &[app, priorities] : apps) {
+      s.app_lists[type].push_back(app + ":" + std::to_string(priorities.first) + ":" + std::to_string(priorities.second));
+    }
   }
   s.ext_speakers = ext_speakers_;
   return s;

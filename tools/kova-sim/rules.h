@@ -117,7 +117,7 @@ struct Snapshot {
   std::string policy_owner;
   std::vector<std::string> resource_change_apps;
   std::vector<std::string> max_resolution_apps;
-  std::map<int, std::vector<std::string>> app_lists;
+  std::map<int, std::vector<std::string>> app_lists;  // "APP:VIDEO:AUDIO" by list type
   std::map<std::string, int> ext_speakers;
 };
 
