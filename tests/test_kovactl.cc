@@ -154,7 +154,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
 TEST_F(KovactlTest, MonitorWatchesWithoutRegisteringAndNamesTheFields) {
   ASSERT_EQ(Sh("kovactl focus set 1").first, 0);  // so that the next one is a change
   // Bounded from outside, so that a monitor that stops too early shows.
-  const char *argv[] = {"timeout", "20", KOVACTL_PATH, "monitor", "-n", "2", "--json", "--brief", nullptr};
+  const char *argv[] = {"timeout", "20", KOVACTL_PATH, "monitor", "-n", "3", "--json", "--brief", nullptr};
   const char *text_argv[] = {KOVACTL_PATH, "monitor", "-n", "1", nullptr};
   g_autoptr(GSubprocess) monitor = g_subprocess_newv(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, nullptr);
   g_autoptr(GSubprocess) text = g_subprocess_newv(text_argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, nullptr);
@@ -164,11 +164,13 @@ TEST_F(KovactlTest, MonitorWatchesWithoutRegisteringAndNamesTheFields) {
   ASSERT_EQ(Line(text_out), "ready");
   ASSERT_EQ(Sh("kovactl focus set 2").first, 0);
   ASSERT_EQ(Sh("kovactl policy app-zones multiview tv.app:1").first, 0);
-  EXPECT_TRUE(g_subprocess_wait_check(monitor, nullptr, nullptr));  // -n 2: it ends after two
+  ASSERT_EQ(Sh("kovactl policy set game owner a.app:3").first, 0);
+  EXPECT_TRUE(g_subprocess_wait_check(monitor, nullptr, nullptr));  // -n 3: it ends after three
   EXPECT_THAT(Line(out), ::testing::MatchesRegex("\\{\"kind\":\"signal\",\"signal\":\"AudioFocusChanged\","
                                                  "\"change_id\":\"[0-9A-F]{8}\",\"zone_id\":2,\"scaler_id\":1,"
                                                  "\"app_id\":\"[^\"]*\"\\}"));
   EXPECT_THAT(Line(out), HasSubstr("\"policy\":1,\"apps\":[{\"app\":\"tv.app\",\"zone\":1}]}"));
+  EXPECT_THAT(Line(out), HasSubstr("\"policy\":2,\"apps\":[{\"app\":\"a.app\",\"zone\":0}]}"));
   EXPECT_TRUE(g_subprocess_wait_check(text, nullptr, nullptr));
   EXPECT_THAT(Line(text_out), ::testing::MatchesRegex("[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} :1\\.[0-9]+ "
                                                       "AudioFocusChanged change_id=[0-9A-F]{8} zone_id=2 .*"));

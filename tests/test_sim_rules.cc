@@ -46,6 +46,7 @@ TEST(SimPlayers, TheHolderHandsOverWhenItAcknowledgesTimesOutOrUnregisters) {
     g_autoptr(GVariant) state = g_variant_ref_sink(StateVariant(k.Snap()));
     g_autofree gchar *text = g_variant_print(state, FALSE);
     EXPECT_THAT(text, ::testing::HasSubstr("'awaiting': <['video-stop', 'audio-stop']>, 'stopping_for': <20>}"));
+    EXPECT_EQ(std::string(text).find("stopping_for"), std::string(text).rfind("stopping_for"));  // 20 stops for none
     let_go(k, out.timers[0].serial);
     EXPECT_THAT(k.TakeOutbox().signals, ElementsAre(Req(kVideoStart, 200, 20), Req(kAudioStart, 200, 20)));
     EXPECT_FALSE(k.StopTimedOut(10, out.timers[0].serial));  // a finished stop's timer does nothing
