@@ -8,14 +8,17 @@
 #include <string>
 
 #include "fake_kova.h"
+#include "kova_api.h"
 #include "private_bus.h"
 
 namespace kova_test {
 namespace {
 
 std::atomic<int> g_hits{0};
-extern "C" void OnAny() { ++g_hits; }  // called with arguments it ignores
-using Cb = void (*)();
+template <typename... A>
+void OnAny(A...) {  // one for every family's callback type
+  ++g_hits;
+}
 
 void *g_lib = nullptr;
 template <typename F>
@@ -24,10 +27,9 @@ F Fn(const std::string &name) {
   EXPECT_NE(f, nullptr) << name;
   return reinterpret_cast<F>(f);
 }
-using RegId = unsigned int (*)(Cb, void *);
-using UnregId = int (*)(unsigned int);
-using RegApp = int (*)(const char *, Cb, void *);
-using UnregApp = int (*)(const char *, Cb);
+// A library function looked up by name, typed as the header declares it (the test does not link the library).
+#define KOVA_FN(name) Fn<decltype(&name)>(#name)
+#define KOVA_CYCLE(reg, unreg) EXPECT_EQ(KOVA_FN(unreg)(KOVA_FN(reg)(OnAny, nullptr)), 0) << #reg
 
 void RoundTrip(GDBusConnection *conn, const FakeKova &service) {
   g_autoptr(GVariant) r = g_dbus_connection_call_sync(conn, service.unique_name().c_str(), "/",
@@ -49,27 +51,26 @@ TEST(Unload, DlcloseLeavesTheLibraryMappedForGDBus) {
 
   ASSERT_NE(g_lib = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_LOCAL), nullptr) << dlerror();
   // Every family registered and unregistered, so that GDBus has free functions to call.
-  for (const std::string family : {"player_video_start_request", "player_video_stop_request",
-                                   "player_audio_start_request", "player_audio_stop_request",
-                                   "player_audio_resync_request", "audio_focus_changed", "resource_policy_changed"}) {
-    EXPECT_EQ(Fn<UnregId>("kova_unregister_" + family + "_callback")(
-                  Fn<RegId>("kova_register_" + family + "_callback")(OnAny, nullptr)),
-              0);
-  }
-  EXPECT_EQ(Fn<UnregId>("kova_unsubscribe_audio_focus_zone_changed")(
-                Fn<RegId>("kova_subscribe_audio_focus_zone_changed")(OnAny, nullptr)),
-            0);
-  const auto best = Fn<int (*)(Cb, void *)>("kova_register_best_quality_zone_switched_callback");
-  const auto unbest = Fn<int (*)(Cb)>("kova_unregister_best_quality_zone_switched_callback");
+  KOVA_CYCLE(kova_register_player_video_start_request_callback, kova_unregister_player_video_start_request_callback);
+  KOVA_CYCLE(kova_register_player_video_stop_request_callback, kova_unregister_player_video_stop_request_callback);
+  KOVA_CYCLE(kova_register_player_audio_start_request_callback, kova_unregister_player_audio_start_request_callback);
+  KOVA_CYCLE(kova_register_player_audio_stop_request_callback, kova_unregister_player_audio_stop_request_callback);
+  KOVA_CYCLE(kova_register_player_audio_resync_request_callback, kova_unregister_player_audio_resync_request_callback);
+  KOVA_CYCLE(kova_register_audio_focus_changed_callback, kova_unregister_audio_focus_changed_callback);
+  KOVA_CYCLE(kova_register_resource_policy_changed_callback, kova_unregister_resource_policy_changed_callback);
+  KOVA_CYCLE(kova_subscribe_audio_focus_zone_changed, kova_unsubscribe_audio_focus_zone_changed);
+  const auto best = KOVA_FN(kova_register_best_quality_zone_switched_callback);
+  const auto unbest = KOVA_FN(kova_unregister_best_quality_zone_switched_callback);
   EXPECT_EQ(best(OnAny, nullptr) + unbest(OnAny), 0);
-  for (const std::string family : {"resource_change", "max_video_resolution_changed"}) {
-    EXPECT_EQ(Fn<RegApp>("kova_register_" + family + "_callback")("app.u", OnAny, nullptr) +
-                  Fn<UnregApp>("kova_unregister_" + family + "_callback")("app.u", OnAny),
-              0);
-  }
+  const auto on_resource = KOVA_FN(kova_register_resource_change_callback);
+  const auto on_rez = KOVA_FN(kova_register_max_video_resolution_changed_callback);
+  EXPECT_EQ(on_resource("app.u", OnAny, nullptr) + KOVA_FN(kova_unregister_resource_change_callback)("app.u", OnAny) +
+                on_rez("app.u", OnAny, nullptr) +
+                KOVA_FN(kova_unregister_max_video_resolution_changed_callback)("app.u", OnAny),
+            0);
   // And some left subscribed across the unload.
-  const unsigned int player = Fn<RegId>("kova_register_player_video_start_request_callback")(OnAny, nullptr);
-  EXPECT_EQ(best(OnAny, nullptr) + Fn<RegApp>("kova_register_resource_change_callback")("app.u", OnAny, nullptr), 0);
+  const unsigned int player = KOVA_FN(kova_register_player_video_start_request_callback)(OnAny, nullptr);
+  EXPECT_EQ(best(OnAny, nullptr) + on_resource("app.u", OnAny, nullptr), 0);
 
   ASSERT_EQ(dlclose(g_lib), 0);
   void *still = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
@@ -87,9 +88,9 @@ TEST(Unload, DlcloseLeavesTheLibraryMappedForGDBus) {
 
   // Loaded again, it is the same library with the same registrations: they go, leaving nothing at exit.
   ASSERT_NE(g_lib = dlopen(KOVA_LIBRARY, RTLD_NOW | RTLD_LOCAL), nullptr);
-  EXPECT_EQ(Fn<UnregId>("kova_unregister_player_video_start_request_callback")(player), 0);
-  EXPECT_EQ(Fn<int (*)(Cb)>("kova_unregister_best_quality_zone_switched_callback")(OnAny), 0);
-  EXPECT_EQ(Fn<UnregApp>("kova_unregister_resource_change_callback")("app.u", OnAny), 0);
+  EXPECT_EQ(KOVA_FN(kova_unregister_player_video_start_request_callback)(player), 0);
+  EXPECT_EQ(KOVA_FN(kova_unregister_best_quality_zone_switched_callback)(OnAny), 0);
+  EXPECT_EQ(KOVA_FN(kova_unregister_resource_change_callback)("app.u", OnAny), 0);
   dlclose(g_lib);
   RoundTrip(conn, service);
   g_dbus_connection_set_exit_on_close(conn, FALSE);
