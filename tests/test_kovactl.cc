@@ -77,7 +77,11 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl zones layout --help", 0, "none (0), single (1), multiview (2), changing (3)"},
       {"kovactl player play five", 2, "player id must be an integer, not 'five'"},
       {"kovactl player register 10 7", 0, "player-register result=10\n"},
-      {"kovactl speaker register --help", 0, "OUTPUT  main (1), sub (2) or an integer"},
+      // Help lists the names each argument takes, from the tables that parse them.
+      {"kovactl speaker register --help", 0, "OUTPUT  none (0), main (1), sub (2) or an integer"},
+      {"kovactl player done --help", 0, "REQUEST  video-start (0), video-stop (1), audio-start (2), audio-stop (3)\n"},
+      {"kovactl resolution policy --help", 0,
+       "POLICY  default (0), multiview (1), game (2) or an integer\n  CODEC   h264 (0), hevc (1), vp9 (2), av1 (3) or"},
       {"kovactl player play 10", 0, "player-play result=0 audio_out=1 source=service\n"},
       {"kovactl player done audio-stop 5 --json", 1,
        "{\"kind\":\"player-done\",\"result\":-1,\"error\":\"the library answered -1 ("},
@@ -85,13 +89,16 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"env -u PELK_ROOT kovactl player play 3", 0, "source=library\nkovactl: warning: the service's ready marker"},
       {"kovactl player play 99", 1, "kovactl: player-play: [" /* the library's reason */},
       {"kovactl speaker register bar sub", 0, "speaker-register result=0"},
+      {"kovactl speaker register baz 7", 1, "speaker-register result=-1 error="},  // kova-sim knows outputs 1 and 2
       {"kovactl zones layout multiview", 0, "layout result=0"},
+      {"kovactl zones list --all", 2, "unknown option '--all'"},
       {"kovactl zones list --json", 0, "{\"kind\":\"zone\",\"zone\":1,\"scaler\":0,\"app\":\"\"}"},
       {"kovactl -v resolution policy game h264", 0, "success policy(2)/codec(0)/(1920*1080)-(30)"},
       {"kovactl policy app-zones game a.app", 2, "APP:ZONE expected, not 'a.app'"},
       {"kovactl policy internal default", 0, "policy-internal result=0"},
       {"kovactl status", 0, "org.zelta.tv.system.resource: owner :1."},
       {"kovactl status", 0, "  players:\n    -\n      id: 10\n      value: 7\n"},
+      {"kovactl status", 0, "\n  app_lists: -\n"},  // empty: on its key's line
       {"kovactl status", 0,
        "\nfocused zone     1 (scaler 0, app -)\naudio focus      1 (last none)\npolicy           0 (owner -;"},
       {"kovactl status", 0, " (kova-sim)\nready marker     present ("},
@@ -119,6 +126,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl category 1 app.c 5", 0, "capable-category result=5 source=library\n"},
       {"kovactl policy set game '\xff'", 1, "policy-set result=-1 error=\"invalid owner name\""},
       {"kovactl policy set game owner --remove-all", 0, "policy-set result=0\n"},
+      {"kovactl status", 0, "\npolicy           2 (owner owner;"},
       {"kovactl zones list", 0, "zone zone=1 scaler=0 app=-\n"},  // tv.app was removed
       {"kovactl zones assign tv.app 1", 0, "zone-assign result=0\n"},
       {"kovactl policy set game owner tv.app:1:2 --remove-all", 0, "policy-set result=0\n"},
@@ -131,11 +139,15 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl policy unregister-list 1 tv.app", 0, "app-list-unregister result=0\n"},
       {"kovactl monitor -t -1", 2, "above 0, not '-1'"},
       {"kovactl monitor -t 0", 2, "above 0, not '0'"},
-      {"kovactl resolution policy --help", 0, "POLICY  default (0), multiview (1), game (2) or an integer"},
+      {"kovactl monitor -n 0", 2, "the count must be above 0"},
       {"kova-sim --sh-syntax", 3, "is already owned"},  // on the suite's bus, which the suite's sim serves
+      {"kova-sim --ready-fd 0", 3, "is already owned"},  // descriptor 0 is as good as any
       {"kova-sim --config /nonexistent", 2, "/nonexistent: cannot read the file"},
       {"kova-sim extra", 2, "unexpected argument 'extra'"},
       {"kovactl monitor --register-app ''", 2, "needs a non-empty application id"},
+      // JSON stays valid UTF-8: a byte that is not becomes U+FFFD.
+      {"kovactl --json monitor --register-app '\xff' -n 1", 1,
+       "{\"kind\":\"monitor-register-app\",\"app\":\"\xef\xbf\xbd\",\"error\":\"invalid param"},
       {"kovactl monitor -t 0.1 --json", 0, "{\"kind\":\"ready\"}"},
   };
   for (const Row &r : rows) {

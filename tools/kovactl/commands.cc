@@ -313,8 +313,8 @@ const std::vector<Command> &Commands() {
       {"player", "stop", "ID", "ask the service to stop a player (sent without waiting)", "  ID  the player id\n",
        1, 1, PlayerStop},
       {"player", "done", "REQUEST ID", "acknowledge a start or stop the service asked for",
-       "  REQUEST  video-start, video-stop, audio-start or audio-stop\n"
-       "  ID       the player id\n"
+       "  REQUEST  " + NamesOf(kRequests) + "\n" +
+           "  ID       the player id\n"
        "Prints the service's integer (0: it was waiting for that acknowledgement).\n",
        2, 2, PlayerDone},
       {"player", "audio-out", "ID", "the player's current audio output (0 none, 1 main, 2 sub)",
@@ -324,7 +324,7 @@ const std::vector<Command> &Commands() {
        1, 1, PlayerAudioOut},
       {"speaker", "register", "NAME OUTPUT", "register an external speaker on an audio output",
        "  NAME    the speaker's name\n"
-       "  OUTPUT  main (1), sub (2) or an integer\n",
+       "  OUTPUT  " + NamesOf(kAudioOuts) + " or an integer\n",
        2, 2, SpeakerRegister},
       {"speaker", "unregister", "NAME OUTPUT", "unregister an external speaker",
        "  NAME    the speaker's name\n"
@@ -356,7 +356,7 @@ const std::vector<Command> &Commands() {
       {"zones", "clear-removable", "", "clear every removable mark (sent without waiting)", "", 0, 0,
        ZonesClearRemovable},
       {"zones", "layout", "STATE", "report the layout state",
-       "  STATE  none (0), single (1), multiview (2), changing (3) or an integer\n", 1, 1, ZonesLayout},
+       "  STATE  " + NamesOf(kLayoutStates) + " or an integer\n", 1, 1, ZonesLayout},
       {"focus", "get", "", "the current audio focus (a zone id)", "", 0, 0, FocusGet},
       {"focus", "last", "", "the last audio focus", "", 0, 0, FocusLast},
       {"focus", "set", "ZONE", "set the audio focus", "  ZONE  the zone id (0: none)\n", 1, 1, FocusSet},
@@ -371,8 +371,8 @@ const std::vector<Command> &Commands() {
       {"resolution", "get", "APP", "the maximum video resolution allowed to an application",
        "  APP  the application id\n", 1, 1, ResolutionGet},
       {"resolution", "policy", "POLICY CODEC", "the maximum video resolution a policy allows for a codec",
-       "  POLICY  default (0), multiview (1), game (2) or an integer\n"
-       "  CODEC   h264 (0), hevc (1), vp9 (2), av1 (3) or an integer\n",
+       "  POLICY  " + NamesOf(kPolicies) + " or an integer\n" +
+           "  CODEC   " + NamesOf(kCodecs) + " or an integer\n",
        2, 2, ResolutionPolicy},
       {"category", nullptr, "PLAYER APP CATEGORY", "the resource category a player of an application should use",
        "  PLAYER    the player id\n"
@@ -382,16 +382,16 @@ const std::vector<Command> &Commands() {
        3, 3, Category},
       {"policy", "set", "POLICY OWNER [--remove-all] [APP[:VIDEO[:AUDIO]]...]",
        "set the resource policy on behalf of an owner",
-       "  POLICY        default (0), multiview (1), game (2) or an integer\n"
-       "  OWNER         the owner's name (may be empty)\n"
+       "  POLICY        " + NamesOf(kPolicies) + " or an integer\n" +
+           "  OWNER         the owner's name (may be empty)\n"
        "  --remove-all  ask the service to remove every current application\n"
        "  APP:VIDEO:AUDIO  an application with its video and audio priorities (default 0)\n",
        2, kAny, PolicySet},
       {"policy", "internal", "POLICY", "set the resource policy alone",
-       "  POLICY  default (0), multiview (1), game (2) or an integer\n", 1, 1, PolicyInternal},
+       "  POLICY  " + NamesOf(kPolicies) + " or an integer\n", 1, 1, PolicyInternal},
       {"policy", "app-zones", "POLICY [APP:ZONE...]", "set the policy with applications in zones",
-       "  POLICY    default (0), multiview (1), game (2) or an integer\n"
-       "  APP:ZONE  an application and its zone id\n",
+       "  POLICY    " + NamesOf(kPolicies) + " or an integer\n" +
+           "  APP:ZONE  an application and its zone id\n",
        1, kAny, PolicyAppZones},
       {"policy", "preassign", "[APP:ZONE...]", "send the list of pre-assigned applications",
        "  APP:ZONE  an application and its zone id\n", 0, kAny, PolicyPreassign},

@@ -113,7 +113,7 @@ struct Command {
   const char *name;     // null: the family itself is the command
   const char *usage;    // the arguments
   const char *summary;  // one line
-  const char *details;  // each argument's meaning and values, lines of "  ARG  text"
+  std::string details;  // each argument's meaning and values, lines of "  ARG  text"
   size_t min_args;
   size_t max_args;
   int (*run)(const Args &);

@@ -56,8 +56,8 @@ void PrintFamily(FILE *out, const std::string &family) {
 }
 
 void PrintCommand(FILE *out, const Command &c) {
-  std::fprintf(out, "Usage: %s\n%s\n%s%s", Usage(c).c_str(), c.summary, c.details[0] ? "\nArguments:\n" : "",
-               c.details);
+  std::fprintf(out, "Usage: %s\n%s\n%s%s", Usage(c).c_str(), c.summary, c.details.empty() ? "" : "\nArguments:\n",
+               c.details.c_str());
 }
 
 bool FamilyExists(const std::string &family) {

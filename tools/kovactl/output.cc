@@ -15,7 +15,11 @@ namespace kovactl {
 
 Options g_options;
 
-std::string JsonString(const std::string &s) {
+std::string JsonString(const std::string &text) {
+  // JSON is UTF-8: bytes that are not valid UTF-8 become U+FFFD.
+  gchar *valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+  const std::string s = valid;
+  g_free(valid);
   std::string out = "\"";
   for (const char c : s) {
     switch (c) {
@@ -135,7 +139,9 @@ void VariantText(GVariant *v, int depth, std::string *out) {
                                    ? g_variant_get_string(key, nullptr)
                                    : std::to_string(g_variant_get_int32(key));
       const GVariantType *t = g_variant_get_type(plain);
-      const bool block = g_variant_type_is_array(t) && !g_variant_type_equal(t, G_VARIANT_TYPE_STRING_ARRAY);
+      // An empty list or dictionary stays on its key's line, as "key: -".
+      const bool block = g_variant_type_is_array(t) && !g_variant_type_equal(t, G_VARIANT_TYPE_STRING_ARRAY) &&
+                         g_variant_n_children(plain) > 0;
       if (block) {
         *out += indent + name + ":\n";
         VariantText(plain, depth + 1, out);
