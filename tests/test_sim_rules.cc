@@ -115,6 +115,7 @@ TEST(SimZones, AssignmentMovesAppAndFocusAndGrantChangesAreSignalled) {
   EXPECT_EQ(Did(k, k.SwitchBestQualityZone(2, 0)), Answer(0, {}));  // no change, no signal
   EXPECT_EQ(Did(k, k.SetAudioFocus(3, 2)), Answer(0, {AudioFocusSignal{3, 2, 1, "c"}, AppRscSignal{"a", 0, 1, sub},
                                                       AppRscSignal{"c", 0, 1, main}}));
+  EXPECT_EQ(k.SetAudioFocus(4, 0), 0);  // no zone holds the focus
 }
 
 // Listed apps are signalled with their zones (0: none); a count that disagrees refuses the list.
@@ -136,6 +137,11 @@ TEST(SimRefusals, EachCallRefusesWhatItCannotDo) {
   using Call = int (*)(Kova &);
   const std::pair<const char *, Call> rows[] = {
       {"play, unknown player", [](Kova &k) { return k.PlayerRequestPlay(1, 99); }},
+      {"play, every decoder promised to a waiting player",
+       [](Kova &k) {
+         for (int p : {11, 12, 13, 14}) k.PlayerRegister(1, p, 0), k.PlayerRequestPlay(1, p);
+         return k.PlayerRequestPlay(1, 10);
+       }},
       {"video start not awaited", [](Kova &k) { return k.PlayerVideoStartDone(10); }},
       {"audio start not awaited", [](Kova &k) { return k.PlayerAudioStartDone(10); }},
       {"stop not under way", [](Kova &k) { return k.PlayerAudioStopDone(10); }},
@@ -153,6 +159,10 @@ TEST(SimRefusals, EachCallRefusesWhatItCannotDo) {
       {"focus zone 3", [](Kova &k) { return k.SetAudioFocus(1, 3); }},
       {"resource change, no app", [](Kova &k) { return k.RscChangeRegister(""); }},
       {"max video, no app", [](Kova &k) { return k.MaxVideoRegister(""); }},
+      {"resource change, unregistered twice",
+       [](Kova &k) { return k.RscChangeRegister("a") + k.RscChangeUnregister("a") + k.RscChangeUnregister("a"); }},
+      {"max video, unregistered twice",
+       [](Kova &k) { return k.MaxVideoRegister("a") + k.MaxVideoUnregister("a") + k.MaxVideoUnregister("a"); }},
       {"policy -1 with an owner", [](Kova &k) { return k.SetPolicyWithOwner(1, -1, "o", false); }},
       {"policy list, count 3 of 1", [](Kova &k) { return k.SetPolicyWithAppList(1, 1, "o", false, 3, {{"a", 1, 1}}); }},
       {"internal policy past int", [](Kova &k) { return k.SetPolicyInternal(1, 0x80000000u); }},
@@ -196,6 +206,7 @@ TEST(SimConfig, EachKeyTakesItsRangeAndEachMistakeNamesItsLine) {
       {"capable_categories = 1:2, 3", "line 1: capable_categories: '3' is not FROM:TO"},
       {"\nfoo = 1", "line 2: unknown key 'foo'"},
       {"zones", "line 1: expected key = value"},
+      {"zones = 2\nbest_quality_zone = 2\naudio_focus = 2", ""},
       {"zones = 2\nbest_quality_zone = 3", "best_quality_zone 3 is not one of the 2 zones"},
       {"audio_focus = 3\nzones = 2", "audio_focus 3 is not one of the 2 zones"},
   };

@@ -134,8 +134,7 @@ void Kova::PlayerRequestStop(int cmd, int player_id) {
   Player *p = FindPlayer(player_id);
   if (p == nullptr) return;
   if (p->state == PlayerState::kPlaying) {
-    p->has_beneficiary = false;
-    BeginStop(player_id, *p, cmd);
+    BeginStop(player_id, *p, cmd);  // a playing player has no beneficiary: nobody is handed what it frees
   } else if (p->state == PlayerState::kWaiting) {
     CancelWait(player_id);
   }
