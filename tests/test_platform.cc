@@ -9,7 +9,9 @@
 #include <string>
 #include <thread>
 
+#include "brask.h"
 #include "marlo.h"
+#include "ostel.h"
 #include "pelk.h"
 
 namespace {
@@ -17,7 +19,9 @@ namespace {
 TEST(PelkStandIn, AbsentOrWokenByTheMarker) {
   const std::string marker = std::filesystem::temp_directory_path() / ("pelk-" + std::to_string(getpid()));
   unsetenv("PELK_ROOT");
-  EXPECT_NE(PelkWaitEvent(marker.c_str(), 0), 0);
+  EXPECT_EQ(PelkWaitEvent(nullptr, 0) + PelkWaitEvent("", 0), -2);
+  EXPECT_EQ(PelkWaitEvent(marker.c_str(), 0), 1);
+  EXPECT_EQ(PelkWaitEvent(marker.c_str(), 1), 1);  // the time runs out
   std::thread creator([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the event comes later
     close(open(marker.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
@@ -36,7 +40,7 @@ std::string Written(const char *level, void (*body)()) {
   if (pipe(fds) != 0) return "pipe failed";
   const pid_t child = fork();
   if (child == 0) {
-    if (level != nullptr) setenv("MARLO_LOG_LEVEL", level, 1);
+    level != nullptr ? setenv("MARLO_LOG_LEVEL", level, 1) : unsetenv("MARLO_LOG_LEVEL");
     dup2(fds[1], STDERR_FILENO);
     body();
     _exit(0);
@@ -66,6 +70,25 @@ TEST(MarloStandIn, WritesOneReadableLinePerCallAtTheLevelAskedFor) {
               __marlo_print(2, 4, "KOVA_API", "%s!", std::string(700, 'x').c_str());  // past the stack buffer
             }),
             info + error + "?/(-13): odd\nI/KOVA_API(2): " + std::string(700, 'x') + "!\n");
+}
+
+// The category numbering brask.h documents, at each range's edges; option bits come off, errors pass.
+TEST(CategoryStandIns, RangesAndOptionBitsAsDocumented) {
+  const struct {
+    bool (*is)(int);
+    int first, last;
+  } ranges[] = {{ostel_is_video_decoder_category, 1000, 1199}, {ostel_is_mjpeg_decoder_category, 1200, 1209},
+                {ostel_is_audio_decoder_category, 2000, 2099},  {ostel_is_audio_out_category, 3000, 3009},
+                {ostel_is_video_scaler_category, 4000, 4009},   {ostel_is_hdmi_dedicated_scaler_category, 4009, 4009}};
+  for (const auto &r : ranges) {
+    EXPECT_TRUE(!r.is(r.first - 1) && r.is(r.first) && r.is(r.last) && !r.is(r.last + 1)) << r.first;
+  }
+  EXPECT_EQ(brask_unmask_category_options(1011 | 0x10000), 1011);
+  EXPECT_EQ(brask_unmask_category_options(0) + brask_unmask_category_options(-5), -5);
+  EXPECT_EQ(brask_get_active_audio_out(0) * 10 + brask_get_active_audio_out(-1), 9);  // main; -1 for no player
+  unsetenv("MARLO_LOG_LEVEL");  // read at this process's first line
+  EXPECT_EQ(__marlo_print(2, 6, "T", nullptr), -1);
+  EXPECT_EQ(__marlo_print(2, 4, "T", "below the default level"), 0);
 }
 
 }  // namespace
