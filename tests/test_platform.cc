@@ -66,10 +66,10 @@ TEST(MarloStandIn, WritesOneReadableLinePerCallAtTheLevelAskedFor) {
   EXPECT_EQ(Written("4", InfoAndError), info + error);
   EXPECT_EQ(Written("info", [] {
               InfoAndError();
-              __marlo_print(-13, 9, nullptr, "odd");
+              __marlo_print(-130, 9, nullptr, "odd");
               __marlo_print(2, 4, "KOVA_API", "%s!", std::string(700, 'x').c_str());  // past the stack buffer
             }),
-            info + error + "?/(-13): odd\nI/KOVA_API(2): " + std::string(700, 'x') + "!\n");
+            info + error + "?/(-130): odd\nI/KOVA_API(2): " + std::string(700, 'x') + "!\n");
 }
 
 // The category numbering brask.h documents, at each range's edges; option bits come off, errors pass.
