@@ -137,8 +137,9 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl policy register-list 1 tv.app:1:2 b.app", 0, "app-list-register result=0\n"},
       {"kovactl --json status", 0, "\"app_lists\":{\"1\":[\"b.app:0:0\",\"tv.app:1:2\"]}"},
       {"kovactl policy unregister-list 1 tv.app", 0, "app-list-unregister result=0\n"},
-      {"kovactl monitor -t -1", 2, "above 0, not '-1'"},
-      {"kovactl monitor -t 0", 2, "above 0, not '0'"},
+      {"kovactl monitor -t -1", 2, "above 0 and at most 30 days, not '-1'"},
+      {"kovactl monitor -t 0", 2, "above 0 and at most 30 days, not '0'"},
+      {"kovactl monitor -t 2592000.001", 2, "at most 30 days, not '2592000.001'"},  // its milliseconds fit a guint
       {"kovactl monitor -n 0", 2, "the count must be above 0"},
       {"kova-sim --sh-syntax", 3, "is already owned"},  // on the suite's bus, which the suite's sim serves
       {"kova-sim --ready-fd 0", 3, "is already owned"},  // descriptor 0 is as good as any

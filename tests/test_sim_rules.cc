@@ -221,6 +221,8 @@ TEST(SimConfig, EachKeyTakesItsRangeAndEachMistakeNamesItsLine) {
   EXPECT_EQ(c.main_video, (Resolution{1280, 720, 50}));
   EXPECT_EQ(c.capable_categories, (std::map<int, int>{{1, 2}, {3, 4}}));
   EXPECT_EQ(c.stop_timeout_ms, 9);
+  const Kova k{c};
+  EXPECT_EQ(k.CapableCategory(3) * 10 + k.CapableCategory(5), 45);  // mapped, or answered as asked
 }
 
 }  // namespace

@@ -406,7 +406,7 @@ const std::vector<Command> &Commands() {
       {"monitor", nullptr, "[-n COUNT] [-t SECONDS] [--brief] [--register-app APP]...",
        "watch every signal of the service, one line each, without registering anything",
        "  -n COUNT            end after COUNT signals (exit status 1 if the time runs out first)\n"
-       "  -t SECONDS          end after SECONDS (a decimal number above 0)\n"
+       "  -t SECONDS          end after SECONDS (a decimal number above 0, at most 30 days)\n"
        "  --brief             leave out the time and the sender\n"
        "  --register-app APP  also register APP with the service for resource and maximum-resolution\n"
        "                      notifications, so that the service sends them; unregistered at the end\n"

@@ -15,6 +15,9 @@
 namespace kovactl {
 namespace {
 
+// The time-out's milliseconds must fit the guint of g_timeout_add.
+constexpr double kMaxSeconds = 30 * 86400;
+
 struct Watch {
   GMainLoop *loop = nullptr;
   GDBusNodeInfo *node = nullptr;
@@ -127,8 +130,8 @@ int Monitor(const Args &a) {
       const std::string &text = value("a number of seconds");
       char *end = nullptr;
       seconds = std::strtod(text.c_str(), &end);
-      if (text.empty() || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 || seconds > 86400 * 365) {
-        throw UsageError{"the time must be a number of seconds above 0, not '" + text + "'"};
+      if (text.empty() || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 || seconds > kMaxSeconds) {
+        throw UsageError{"the time must be a number of seconds above 0 and at most 30 days, not '" + text + "'"};
       }
     } else if (opt == "--brief") {
       w.brief = true;
