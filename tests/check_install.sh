@@ -58,8 +58,11 @@ cmake --build "$tmp/consumer-build" >/dev/null
 
 # The installed tools, with only their bin/ on PATH.
 env="env -i PATH=$prefix/bin HOME=$tmp"
-eval "$($env kova-sim --private-bus --sh-syntax)"
-sim_pid=$KOVA_SIM_PID
+sim_status=0
+settings=$($env kova-sim --private-bus --sh-syntax) || sim_status=$?
+eval "$settings"
+sim_pid=${KOVA_SIM_PID:-}
+[ "$sim_status" = 0 ] || { echo "kova-sim --sh-syntax exited with $sim_status"; exit 1; }
 answer=$($env DBUS_SYSTEM_BUS_ADDRESS="$DBUS_SYSTEM_BUS_ADDRESS" PELK_ROOT="$PELK_ROOT" kovactl focus get)
 echo "installed kovactl against the installed kova-sim: $answer"
 case $answer in

@@ -104,6 +104,9 @@ TEST(SimZones, AssignmentMovesAppAndFocusAndGrantChangesAreSignalled) {
   const Resolution main{3840, 2160, 60}, sub{1920, 1080, 30};
   EXPECT_EQ(k.SetAppToZone("c", 1) + k.SetAppToZone("c", 2) + k.SetAppToZone("a", 1), 0);
   EXPECT_EQ(Layout(k), "a|c| focus 1/0");
+  k.SetRemovableAppToZone("c", 2);
+  k.SetRemovableAppToZone("a", 2);  // not there
+  EXPECT_EQ(k.Snap().removable_apps, std::vector<std::string>{"c"});
   EXPECT_EQ(k.RemoveAppFromZone("a", 2), -1);  // it is not there
   EXPECT_EQ(k.PolicyMaxVideo(0, 0), main);
   EXPECT_EQ(k.PolicyMaxVideo(1, 0), sub);
@@ -177,6 +180,7 @@ TEST(SimRefusals, EachCallRefusesWhatItCannotDo) {
       {"remove from the zone it is in, then again",
        [](Kova &k) { return k.SetAppToZone("a", 1) + k.RemoveAppFromZone("a", 1) + k.RemoveAppFromZone("a", 1); }},
       {"nothing from no list is fine", [](Kova &k) { return k.UnregisterAppList(7, 0, {}) - 1; }},
+      {"no app id holds the focus of an empty zone", [](Kova &k) { return k.IsAudioFocused("") - 1; }},
   };
   for (const auto &[what, call] : rows) {
     Kova k{Config{}};
