@@ -73,6 +73,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
   const Row rows[] = {
       {"kovactl", 2, "Usage: kovactl"},
       {"kovactl player", 2, "kovactl: player needs a command"},
+      {"kovactl player bogus", 2, "kovactl: unknown command 'bogus' of player"},
       {"kovactl --version", 0, "kovactl 0.1.0"},
       {"kovactl zones layout --help", 0, "none (0), single (1), multiview (2), changing (3)"},
       {"kovactl player play five", 2, "player id must be an integer, not 'five'"},
@@ -119,6 +120,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl focus get", 0, "audio-focus result=0 zone=2\n"},
       {"kovactl focus last", 0, "last-audio-focus result=0 zone=1\n"},
       {"kovactl focus is radio.app", 0, "audio-focused result=1\n"},
+      {"kovactl focus is '\xff'", 1, "audio-focused result=-1 error=\"invalid param\""},
       {"kovactl focus zone", 0, "audio-focus-zone result=0 zone=1 scaler=0 app=tv.app\n"},  // the focused zone
       {"kovactl best-zone switch 2 1", 0, "best-zone-switch result=0\n"},
       {"kovactl best-zone restore", 0, "best-zone-restore result=0\n"},
@@ -129,6 +131,8 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl status", 0, "\npolicy           2 (owner owner;"},
       {"kovactl zones list", 0, "zone zone=1 scaler=0 app=-\n"},  // tv.app was removed
       {"kovactl zones assign tv.app 1", 0, "zone-assign result=0\n"},
+      {"kovactl policy set game owner", 0, "policy-set result=0\n"},
+      {"kovactl zones list", 0, "zone zone=1 scaler=0 app=tv.app\n"},  // kept without --remove-all
       {"kovactl policy set game owner tv.app:1:2 --remove-all", 0, "policy-set result=0\n"},
       {"kovactl zones list", 0, "zone zone=1 scaler=0 app=-\n"},
       {"kovactl policy preassign radio.app:2", 0, "policy-preassign result=0\n"},
@@ -150,6 +154,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl --json monitor --register-app '\xff' -n 1", 1,
        "{\"kind\":\"monitor-register-app\",\"app\":\"\xef\xbf\xbd\",\"error\":\"invalid param"},
       {"kovactl monitor -t 0.1 --json", 0, "{\"kind\":\"ready\"}"},
+      {"timeout --preserve-status -s INT 0.2 kovactl monitor", 0, "ready\n"},  // no option needed; ends cleanly on SIGINT
   };
   for (const Row &r : rows) {
     const auto [status, output] = Sh(r.line);

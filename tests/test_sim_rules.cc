@@ -107,6 +107,8 @@ TEST(SimZones, AssignmentMovesAppAndFocusAndGrantChangesAreSignalled) {
   k.SetRemovableAppToZone("c", 2);
   k.SetRemovableAppToZone("a", 2);  // not there
   EXPECT_EQ(k.Snap().removable_apps, std::vector<std::string>{"c"});
+  k.ClearRemovableAppToZone();
+  EXPECT_TRUE(k.Snap().removable_apps.empty());
   EXPECT_EQ(k.RemoveAppFromZone("a", 2), -1);  // it is not there
   EXPECT_EQ(k.PolicyMaxVideo(0, 0), main);
   EXPECT_EQ(k.PolicyMaxVideo(1, 0), sub);
@@ -144,6 +146,13 @@ TEST(SimRefusals, EachCallRefusesWhatItCannotDo) {
        [](Kova &k) {
          for (int p : {11, 12, 13, 14}) k.PlayerRegister(1, p, 0), k.PlayerRequestPlay(1, p);
          return k.PlayerRequestPlay(1, 10);
+       }},
+      {"start of a player that stopped waiting",
+       [](Kova &k) {
+         for (int p : {11, 12, 13}) k.PlayerRegister(1, p, 0), k.PlayerRequestPlay(1, p);
+         k.PlayerRequestStop(2, 13);
+         k.PlayerVideoStopDone(11), k.PlayerAudioStopDone(11);
+         return k.PlayerVideoStartDone(13);
        }},
       {"video start not awaited", [](Kova &k) { return k.PlayerVideoStartDone(10); }},
       {"audio start not awaited", [](Kova &k) { return k.PlayerAudioStartDone(10); }},
