@@ -154,6 +154,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl --json monitor --register-app '\xff' -n 1", 1,
        "{\"kind\":\"monitor-register-app\",\"app\":\"\xef\xbf\xbd\",\"error\":\"invalid param"},
       {"kovactl monitor -t 0.1 --json", 0, "{\"kind\":\"ready\"}"},
+      {"kovactl monitor --register-app a.app -t 0.1", 0, "registered a.app with the service for resource"},
       {"timeout --preserve-status -s INT 0.2 kovactl monitor", 0, "ready\n"},  // no option needed; ends cleanly on SIGINT
   };
   for (const Row &r : rows) {
