@@ -162,11 +162,12 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
     EXPECT_EQ(status, r.status) << r.line << "\n" << output;
     EXPECT_THAT(output, HasSubstr(r.output)) << r.line;
   }
-  // The marker directory kova-sim made can be read by players running as other users.
+  // The markers kova-sim made can be read by players running as other users.
   const mode_t mask = umask(0);
   umask(mask);
   struct stat made {};
   EXPECT_EQ(stat((markers_ + "/tmp").c_str(), &made) == 0 ? made.st_mode & 07777 : 0, 0755u & ~mask);
+  EXPECT_EQ(stat((markers_ + "/tmp/.kova_ready").c_str(), &made) == 0 ? made.st_mode & 07777 : 0, 0644u & ~mask);
 }
 
 // Passive: the monitor registers nothing, and names each field as the interface does.

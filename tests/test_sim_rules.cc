@@ -154,6 +154,12 @@ TEST(SimRefusals, EachCallRefusesWhatItCannotDo) {
          k.PlayerVideoStopDone(11), k.PlayerAudioStopDone(11);
          return k.PlayerVideoStartDone(13);
        }},
+      {"video stop acknowledged twice",
+       [](Kova &k) {
+         k.PlayerRequestPlay(1, 10);
+         k.PlayerRequestStop(2, 10);
+         return k.PlayerVideoStopDone(10) + k.PlayerVideoStopDone(10);
+       }},
       {"video start not awaited", [](Kova &k) { return k.PlayerVideoStartDone(10); }},
       {"audio start not awaited", [](Kova &k) { return k.PlayerAudioStartDone(10); }},
       {"stop not under way", [](Kova &k) { return k.PlayerAudioStopDone(10); }},
