@@ -126,6 +126,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl best-zone restore", 0, "best-zone-restore result=0\n"},
       {"kovactl resolution get tv.app", 0, "max-resolution result=0 width=3840 height=2160 framerate=60\n"},
       {"kovactl category 1 app.c 5", 0, "capable-category result=5 source=library\n"},
+      {"kovactl category 1 app.c 2005", 0, "capable-category result=2005 source=service\n"},  // an audio decoder
       {"kovactl policy set game '\xff'", 1, "policy-set result=-1 error=\"invalid owner name\""},
       {"kovactl policy set game owner --remove-all", 0, "policy-set result=0\n"},
       {"kovactl status", 0, "\npolicy           2 (owner owner;"},
