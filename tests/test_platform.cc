@@ -22,8 +22,11 @@ TEST(PelkStandIn, AbsentOrWokenByTheMarker) {
   EXPECT_EQ(PelkWaitEvent(nullptr, 0) + PelkWaitEvent("", 0), -2);
   EXPECT_EQ(PelkWaitEvent(marker.c_str(), 0), 1);
   EXPECT_EQ(PelkWaitEvent(marker.c_str(), 1), 1);  // the time runs out
+  const std::string other = marker + ".other";
   std::thread creator([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the event comes later
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the events come later, another file's first
+    close(open(other.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     close(open(marker.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
   });
   const auto start = std::chrono::steady_clock::now();
@@ -31,6 +34,7 @@ TEST(PelkStandIn, AbsentOrWokenByTheMarker) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // woken by inotify, not the time limit
   creator.join();
   unlink(marker.c_str());
+  unlink(other.c_str());
 }
 
 // What the stand-in writes to stderr in a child whose MARLO_LOG_LEVEL is level
