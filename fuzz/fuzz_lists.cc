@@ -5,11 +5,8 @@
 // string, a NUL byte, a u16 length and the serialised value, then operations
 // to the end: a byte (low 4 bits: the operation, see step(); high bits: its
 // variant) and its operands.
-#include <string>
-#include <vector>
 
 #include "harness.h"
-#include "kova_private.h"
 
 namespace {
 

@@ -8,7 +8,6 @@
 // reply as a type string, a NUL byte and the serialised value; without a
 // valid reply the call fails.
 #include "harness.h"
-#include "kova_private.h"
 
 namespace {
 

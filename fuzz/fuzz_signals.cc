@@ -4,11 +4,8 @@
 // Input: a selector byte (low 6 bits: the handler; bit 6: the best-zone
 // callback unregisters itself while called, see on_best_zone), then the parameters as a type
 // string, a NUL byte and the serialised value.
-#include <cstdlib>
-#include <vector>
 
 #include "harness.h"
-#include "kova_private.h"
 
 namespace {
 
