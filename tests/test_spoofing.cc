@@ -22,15 +22,6 @@ constexpr const char *kOpenBus =
     "<policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/><allow send_destination=\"*\"/>"
     "<allow send_type=\"signal\"/><allow receive_sender=\"*\"/><allow receive_type=\"signal\"/></policy>\n";
 
-// The fixture's Sync, without the fixture: one round trip, then dispatch.
-void RoundTrip(const FakeKova &service) {
-  g_autoptr(GVariant) r = g_dbus_connection_call_sync(_kova_dbus_get_connection(), service.unique_name().c_str(),
-                                                      "/", "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
-                                                      G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-  ASSERT_NE(r, nullptr);
-  while (g_main_context_iteration(nullptr, FALSE)) {
-  }
-}
 
 void OnStop(int player_id, void *user_data) { static_cast<std::vector<int> *>(user_data)->push_back(player_id); }
 
@@ -59,7 +50,7 @@ TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
   std::vector<int> stops;
   kova_register_player_video_stop_request_callback(OnStop, &stops);
   GDBusConnection *conn = _kova_dbus_get_connection();
-  RoundTrip(*service);  // the match rules are in place
+  ASSERT_TRUE(service->RoundTrip(conn));  // the match rules are in place
 
   const char *argv[] = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", peer.c_str(),
                         g_dbus_connection_get_unique_name(conn), nullptr};
@@ -73,10 +64,10 @@ TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {
   EXPECT_STREQ(out, "own: org.freedesktop.DBus.Error.AccessDenied\ncall: (5,)\n") << err;
 
   // The peer's call was answered after its signals reached the bus: one round trip dispatches them.
-  RoundTrip(*service);
+  ASSERT_TRUE(service->RoundTrip(conn));
   EXPECT_TRUE(stops.empty()) << "a spoofed PlayerVideoStop reached the callback";
   service->Emit("PlayerVideoStop", g_variant_new("(ii)", 3, 7));
-  RoundTrip(*service);
+  ASSERT_TRUE(service->RoundTrip(conn));
   EXPECT_THAT(stops, ::testing::ElementsAre(7));
 
   g_dbus_connection_set_exit_on_close(conn, FALSE);

@@ -137,6 +137,15 @@ bool FakeKova::WaitForCalls(size_t n, int timeout_ms) const {
   return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return calls_.size() >= n; });
 }
 
+bool FakeKova::RoundTrip(GDBusConnection *from, bool drain) const {
+  g_autoptr(GVariant) r = g_dbus_connection_call_sync(from, unique_name().c_str(), "/", "org.freedesktop.DBus.Peer",
+                                                      "Ping", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
+                                                      nullptr);
+  while (drain && g_main_context_iteration(nullptr, FALSE)) {
+  }
+  return r != nullptr;
+}
+
 void FakeKova::EmitOnPath(const std::string &path, const std::string &interface, const std::string &signal,
                           GVariant *params) {
   g_dbus_connection_emit_signal(connection_, nullptr, path.c_str(), interface.c_str(), signal.c_str(), params, nullptr);

@@ -92,6 +92,10 @@ class FakeKova {
   // awaited without it). One "Method(signature): reason" each.
   std::vector<std::string> InterfaceViolations() const;
 
+  // One round trip (a Ping) from the connection `from` to the service: everything either sent before has
+  // arrived. Then, when drain is set, everything pending on the default main context is dispatched.
+  bool RoundTrip(GDBusConnection *from, bool drain = true) const;
+
   // Emits a signal (params is sunk) from the service's connection.
   void Emit(const std::string &signal, GVariant *params) { EmitOnPath(kServicePath, kServiceInterface, signal, params); }
   void EmitOnPath(const std::string &path, const std::string &interface, const std::string &signal,

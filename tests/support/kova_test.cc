@@ -65,11 +65,7 @@ void Drain(GMainContext *ctx) {
 void RoundTrip(const FakeKova &service) {
   GDBusConnection *conn = _kova_dbus_get_connection();
   ASSERT_NE(conn, nullptr);
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) r = g_dbus_connection_call_sync(conn, service.unique_name().c_str(), "/",
-                                                      "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
-                                                      G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-  ASSERT_NE(r, nullptr) << (error ? error->message : "");
+  ASSERT_TRUE(service.RoundTrip(conn, false));
 }
 
 void Sync(const FakeKova &service, GMainContext *ctx) {
