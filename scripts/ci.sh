@@ -4,7 +4,7 @@
 #  2. memcheck over the integration tests of that build (label valgrind);
 #  3. build-asan: AddressSanitizer + UndefinedBehaviorSanitizer, leak detection
 #     on, the whole suite;
-#  4. build-tsan: ThreadSanitizer, the whole suite (the stress test, and every
+#  4. build-tsan: ThreadSanitizer, the whole suite (the many-threads test, and every
 #     test where a callback, the fake service or a second thread runs
 #     alongside the caller);
 #  5. build-fuzz: every libFuzzer target for a short while over its corpus.
