@@ -1,12 +1,11 @@
 // The C++ layer's own logic: ownership of closures, unregistration on
-// destruction, moves, the shared best-quality registration, ranges, null
-// strings and presence. Built as C++17 without exceptions, as a user might.
+// destruction, moves, the shared best-quality registration (its barrier is
+// test_host's), ranges, null strings and presence. Built as C++17 without
+// exceptions, as a user might.
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <atomic>
 #include <functional>
-#include <future>
 #include <kova/kova.hpp>
 #include <memory>
 #include <string>
@@ -132,32 +131,6 @@ TEST_F(CxxTest, BestQualitySubscriptionsShareOneRegistrationAndKeepTheDeliveryRu
   for (kova::Subscription *s : {&a, &c}) s->reset();
   EXPECT_EQ(doubles::CountLogPrefix("subscribe best quality zone switched (", doubles::kInfo), 1);
   EXPECT_EQ(Drops(), 1);  // at once: no delivery under way
-}
-
-// Destroying a best-quality subscription on another thread waits for its running callable.
-TEST_F(CxxTest, BestQualityDestructionOnAnotherThreadWaitsForTheCallable) {
-  std::promise<void> entered;
-  std::atomic<pid_t> destroyer{0};
-  std::atomic<bool> destroyed{false}, destroyed_during_call{false};
-  kova::Subscription sub = kova::on_best_quality_zone_switched([&](int, int, int) {
-                             entered.set_value();
-                             // Until the destroying thread is asleep (waiting for this call) or done.
-                             while (!destroyed && !(destroyer != 0 && Asleep(destroyer))) std::this_thread::yield();
-                             destroyed_during_call = destroyed.load();
-                           }).value();
-  std::thread other([&] {
-    entered.get_future().wait();
-    destroyer = ThisThread();
-    sub.reset();
-    destroyed = true;
-    g_main_context_wakeup(nullptr);
-  });
-  Switch(1);
-  ASSERT_TRUE(WaitUntil([&] { return destroyed.load(); }));
-  other.join();
-  EXPECT_FALSE(destroyed_during_call);
-  Drain();
-  EXPECT_EQ(Drops(), 1);  // by the destroying thread, or just after the delivery if it was still under way
 }
 
 TEST_F(CxxTest, ZoneListsAreRangesAndListsAndRecordsFreeThemselves) {

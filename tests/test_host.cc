@@ -1,6 +1,6 @@
 // What the library promises the process that loads it, for each kind of
 // registry (a subscription per registration, a shared subscription with a
-// list, a per-application map): an unregistration made on another thread
+// list, a per-application map, and the C++ layer's shared registration): an unregistration made on another thread
 // waits for the callback it ends; many threads calling and registering at once
 // lose and misdeliver nothing; a forked child fails at once instead of blocking
 // on the connection it inherited.
@@ -14,6 +14,7 @@
 #include <cstring>
 #include <functional>
 #include <future>
+#include <kova/kova.hpp>
 #include <map>
 #include <mutex>
 #include <set>
@@ -30,6 +31,7 @@ namespace {
 struct Reg {
   int thread = 0;
   unsigned int id = 0;
+  kova::Subscription sub;
   std::function<void(int)> on;
 };
 void OnPlayer(int seq, void *r) { static_cast<Reg *>(r)->on(seq); }
@@ -70,8 +72,16 @@ const Family kFamilies[] = {
      [](Reg *r) { return kova_register_resource_change_callback(AppId(r->thread).c_str(), OnResource, r) == 0; },
      [](Reg *r) { return kova_unregister_resource_change_callback(AppId(r->thread).c_str(), OnResource) == 0; },
      [](const Reg &) { return std::string("unsubscribe resource change("); }},
+    {"C++ shared best-quality registration", "BestQualitZoneSwitched",
+     [](int seq, int) { return g_variant_new("(iii)", seq, 2, 3); },
+     [](Reg *r) {
+       auto made = kova::on_best_quality_zone_switched([r](int seq, int, int) { r->on(seq); });
+       return made && (r->sub = std::move(made).value(), true);
+     },
+     [](Reg *r) { return r->sub.reset(), true; },
+     [](const Reg &) { return std::string(); }},  // it logs nothing of its own before it waits
 };
-constexpr int kKinds = 3;
+constexpr int kKinds = sizeof kFamilies / sizeof kFamilies[0];
 
 class HostTest : public KovaTest {
  protected:
@@ -121,11 +131,12 @@ TEST_F(HostTest, UnregistrationOnAnotherThreadWaitsForTheRunningCallback) {
 // unregistration returned.
 TEST_F(HostTest, CallsAndRegistrationsOnManyThreadsLoseAndMisdeliverNothing) {
   constexpr int kCallers = 3, kCalls = 300, kRegistrars = 3, kCycles = 11;
-  // Event seq is of family seq % kinds; per-application ones name thread (seq / kinds) % (registrars + 1),
-  // the last being a thread nobody is.
+  // Event seq is of family seq % kinds (two families share a signal); per-application ones name thread
+  // (seq / kinds) % (registrars + 1), the last being a thread nobody is.
   const auto app_thread = [](int seq) { return seq / kKinds % (kRegistrars + 1); };
   const auto meant_for = [&](int seq, int family, int thread) {
-    return seq % kKinds == family && (family != 2 || app_thread(seq) == thread);
+    return std::strcmp(kFamilies[seq % kKinds].signal, kFamilies[family].signal) == 0 &&
+           (family != 2 || app_thread(seq) == thread);
   };
   const auto answer = [](int player) { return player % 977 + 1; };  // a reply handed to the wrong caller shows
   service().SetHandler("PlayerVideoStartDone", [&](const Call &c) { return Answer::Int(answer(c.args.i32(1))); });
