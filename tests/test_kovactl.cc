@@ -123,6 +123,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl focus is '\xff'", 1, "audio-focused result=-1 error=\"invalid param\""},
       {"kovactl focus zone", 0, "audio-focus-zone result=0 zone=1 scaler=0 app=tv.app\n"},  // the focused zone
       {"kovactl best-zone switch 2 1", 0, "best-zone-switch result=0\n"},
+      {"kovactl best-zone switch 2 -1", 1, "error=\"invalid param (2:-1)\""},  // the zone, then the option
       {"kovactl best-zone restore", 0, "best-zone-restore result=0\n"},
       {"kovactl resolution get tv.app", 0, "max-resolution result=0 width=3840 height=2160 framerate=60\n"},
       {"kovactl category 1 app.c 5", 0, "capable-category result=5 source=library\n"},
