@@ -119,6 +119,7 @@ TEST_F(KovactlTest, EachFamilyAnswersWithItsResultItsSourceOrWhyNot) {
       {"kovactl focus set 2", 0, "audio-focus-set result=0\n"},
       {"kovactl focus get", 0, "audio-focus result=0 zone=2\n"},
       {"kovactl focus last", 0, "last-audio-focus result=0 zone=1\n"},
+      {"kovactl focus last 1", 2, "usage: kovactl focus last\n"},  // a command without arguments shows none
       {"kovactl focus is radio.app", 0, "audio-focused result=1\n"},
       {"kovactl focus is '\xff'", 1, "audio-focused result=-1 error=\"invalid param\""},
       {"kovactl focus zone", 0, "audio-focus-zone result=0 zone=1 scaler=0 app=tv.app\n"},  // the focused zone
