@@ -159,6 +159,52 @@ TEST_F(CxxTest, ZoneListsAreRangesAndListsAndRecordsFreeThemselves) {
   EXPECT_EQ(service().CallCount(), calls);
 }
 
+// How each wrapper maps the C result: "ok" with its value, or "error" with the code.
+std::string Out(const kova::Result<void> &r) {
+  return r ? "ok" + std::string(r.error() ? "!" : "") : "error " + std::to_string(r.error());
+}
+template <typename T, typename Show>
+std::string Out(const kova::Result<T> &r, Show show) {
+  return r ? "ok " + show(*r) + (r.error() ? "!" : "") : "error " + std::to_string(r.error());
+}
+std::string Int(int v) { return std::to_string(v); }
+
+TEST_F(CxxTest, EachWrapperMapsTheCResult) {
+  const auto out = [](auto v) { return std::to_string(static_cast<int>(v)); };
+  const auto rez = [](const kova::Resolution &r) { return Int(r.width) + "x" + Int(r.height) + "@" + Int(r.framerate); };
+  const kova::AppList apps = kova::AppList().add(1, "a");
+  const struct { const char *method, *reply; std::function<std::string()> call; const char *result; } rows[] = {
+      {"PlayerRequestPlay", "(2,)", [&] { return Out(kova::request_play(1), out); }, "ok 2"},
+      {"PlayerRequestPlay", "(-3,)", [&] { return Out(kova::request_play(1), out); }, "error -1"},
+      {"GetExtSpkInfoAudioOut", "(-3,)", [&] { return Out(kova::speaker_audio_out("s"), out); }, "error -3"},
+      {"RegisterExtSpkInfo", "(-2,)", [] { return Out(kova::register_speaker("s", 1), Int); }, "ok -2"},
+      {"RegisterExtSpkInfo", nullptr, [] { return Out(kova::register_speaker("s", 1), Int); }, "error -1"},
+      {"UnregisterExtSpkInfo", "(4,)", [] { return Out(kova::unregister_speaker("s", 1), Int); }, "ok 4"},
+      {"UnregisterExtSpkInfo", nullptr, [] { return Out(kova::unregister_speaker("s", 1), Int); }, "error -1"},
+      {"SwitchBestQaulityZone", "(7,)", [] { return Out(kova::switch_best_quality_zone(1, 0), Int); }, "ok 7"},
+      {"SwitchBestQaulityZone", nullptr, [] { return Out(kova::switch_best_quality_zone(1, 0), Int); }, "error -1"},
+      {"RestoreBestQualityZone", "(-3,)", [] { return Out(kova::restore_best_quality_zone(), Int); }, "ok -3"},
+      {"RestoreBestQualityZone", nullptr, [] { return Out(kova::restore_best_quality_zone(), Int); }, "error -1"},
+      {"SetAppToZone", "(5,)", [] { return Out(kova::assign_app_to_zone("a", 1)); }, "error -1"},
+      {"GetAudioFocus", "(4,)", [] { return Out(kova::audio_focus(), Int); }, "ok 4"},
+      {"GetLastAudioFocus", "(-3,)", [] { return Out(kova::last_audio_focus(), Int); }, "ok -3"},
+      {"GetFocusedZone", "(3, 30, 'a')", [] { return Out(kova::focused_zone(), [](auto &z) { return Int(z.id()); }); },
+       "ok 3"},
+      {"GetMaxVideo", "(640, 480, 25)", [&] { return Out(kova::max_video_resolution("a"), rez); }, "ok 640x480@25"},
+      {"GetMaxVideo", nullptr, [&] { return Out(kova::max_video_resolution("a"), rez); }, "error -1"},
+      {"GetCapableCatId", "(-4,)", [] { return Out(kova::capable_category(1, "a", 3000), Int); }, "error -4"},
+      {"GetCapableCatId", "(-2,)", [] { return Out(kova::capable_category(1, "a", 3000), Int); }, "ok -2"},
+      {"SetPreAssignedAppList", "(5,)", [&] { return Out(kova::set_pre_assigned_apps(apps)); }, "error -1"},
+      {"RegisterAppList", "(5,)", [&] { return Out(kova::register_app_list(1, apps)); }, "error -1"},
+  };
+  doubles::SetMarker("/tmp/.rsc_policy_activated", true);  // an audio output category goes to the service
+  doubles::SetCategories(doubles::Predicate::kAudioOut, {3000});
+  for (const auto &row : rows) {
+    service().Set(row.method, row.reply ? Answer::Value(g_variant_new_parsed(row.reply)) : Answer());
+    EXPECT_EQ(row.call(), row.result) << row.method << " " << (row.reply ? row.reply : "error");
+  }
+}
+
 // A null string (a null C string, a string_view without data) reaches the C API as null: its failure, no crash.
 TEST_F(CxxTest, NullStringsGiveTheFailureResult) {
   const char *none = nullptr;
