@@ -73,7 +73,9 @@ TEST_F(CxxTest, ASubscriptionOwnsItsClosureAndUnregistersWhenDestroyed) {
   EXPECT_FALSE(kova::on_video_start(std::function<void(int)>()));  // an empty callable is refused
   // A per-application subscription unregisters by its own copy of the id: the id is free again after it.
   service().SetInt("RscChangeRegId", 0);
-  for (int round = 0; round < 2; ++round) EXPECT_TRUE(kova::on_resource_changed(std::string("x.app"), [](auto &&...) {}));
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_TRUE(kova::on_resource_changed(std::string("x.app"), [](auto &&...) {}));
+  }
 }
 
 // Destroyed from inside its own callback: it returns at once, the closure goes when the call returns.
@@ -171,7 +173,9 @@ std::string Int(int v) { return std::to_string(v); }
 
 TEST_F(CxxTest, EachWrapperMapsTheCResult) {
   const auto out = [](auto v) { return std::to_string(static_cast<int>(v)); };
-  const auto rez = [](const kova::Resolution &r) { return Int(r.width) + "x" + Int(r.height) + "@" + Int(r.framerate); };
+  const auto rez = [](const kova::Resolution &r) {
+    return Int(r.width) + "x" + Int(r.height) + "@" + Int(r.framerate);
+  };
   const kova::AppList apps = kova::AppList().add(1, "a");
   const struct { const char *method, *reply; std::function<std::string()> call; const char *result; } rows[] = {
       {"PlayerRequestPlay", "(2,)", [&] { return Out(kova::request_play(1), out); }, "ok 2"},
