@@ -22,7 +22,6 @@ constexpr const char *kOpenBus =
     "<policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/><allow send_destination=\"*\"/>"
     "<allow send_type=\"signal\"/><allow receive_sender=\"*\"/><allow receive_type=\"signal\"/></policy>\n";
 
-
 void OnStop(int player_id, void *user_data) { static_cast<std::vector<int> *>(user_data)->push_back(player_id); }
 
 TEST(Spoofing, OnlyTheServiceUserOwnsTheNameAndEmitsItsSignals) {

@@ -31,7 +31,6 @@ F Fn(const std::string &name) {
 #define KOVA_FN(name) Fn<decltype(&name)>(#name)
 #define KOVA_CYCLE(reg, unreg) EXPECT_EQ(KOVA_FN(unreg)(KOVA_FN(reg)(OnAny, nullptr)), 0) << #reg
 
-
 TEST(Unload, DlcloseLeavesTheLibraryMappedForGDBus) {
   std::string error;
   std::unique_ptr<PrivateBus> bus = PrivateBus::Start(&error);

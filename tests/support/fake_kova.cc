@@ -141,9 +141,14 @@ bool FakeKova::RoundTrip(GDBusConnection *from, bool drain) const {
   g_autoptr(GVariant) r = g_dbus_connection_call_sync(from, unique_name().c_str(), "/", "org.freedesktop.DBus.Peer",
                                                       "Ping", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
                                                       nullptr);
-  while (drain && g_main_context_iteration(nullptr, FALSE)) {
-  }
+  if (drain) Drain();
   return r != nullptr;
+}
+
+void Drain(GMainContext *ctx) {
+  if (ctx == nullptr) ctx = g_main_context_default();
+  while (g_main_context_iteration(ctx, FALSE)) {
+  }
 }
 
 void FakeKova::EmitOnPath(const std::string &path, const std::string &interface, const std::string &signal,

@@ -56,6 +56,9 @@ struct Answer {
   static Answer Error(const std::string &name, const std::string &message) { return Answer{Variant(), name, message}; }
 };
 
+// Dispatches everything already pending on ctx (the global default context when null).
+void Drain(GMainContext *ctx = nullptr);
+
 class FakeKova {
  public:
   using Handler = std::function<Answer(const Call &)>;
@@ -93,7 +96,7 @@ class FakeKova {
   std::vector<std::string> InterfaceViolations() const;
 
   // One round trip (a Ping) from the connection `from` to the service: everything either sent before has
-  // arrived. Then, when drain is set, everything pending on the default main context is dispatched.
+  // arrived. Then, when drain is set, everything pending on the default main context is dispatched (Drain).
   bool RoundTrip(GDBusConnection *from, bool drain = true) const;
 
   // Emits a signal (params is sunk) from the service's connection.

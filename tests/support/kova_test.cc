@@ -56,12 +56,6 @@ bool WaitUntil(const std::function<bool()> &done, int timeout_ms, GMainContext *
   return done();
 }
 
-void Drain(GMainContext *ctx) {
-  if (ctx == nullptr) ctx = g_main_context_default();
-  while (g_main_context_iteration(ctx, FALSE)) {
-  }
-}
-
 void RoundTrip(const FakeKova &service) {
   GDBusConnection *conn = _kova_dbus_get_connection();
   ASSERT_NE(conn, nullptr);

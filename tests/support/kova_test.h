@@ -24,9 +24,6 @@ const PrivateBus *TestBus();
 // events instead of sleeping.
 bool WaitUntil(const std::function<bool()> &done, int timeout_ms = 5000, GMainContext *ctx = nullptr);
 
-// Dispatches everything already pending on ctx.
-void Drain(GMainContext *ctx = nullptr);
-
 // One round trip from the library's connection to the fake service: every
 // message the library sent before has been received (and recorded) by the
 // service, and every signal the service emitted before has reached the
